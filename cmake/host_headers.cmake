@@ -1,0 +1,20 @@
+# Header-only libraries that are installed for the host and serve both systems. Each is reached through a folder that
+# holds a link to that library alone: a cross-compiler that saw all of /usr/include would take the host's C library.
+function(kvtile_host_headers target)
+  set(folder ${CMAKE_BINARY_DIR}/host-headers/${target})
+  file(MAKE_DIRECTORY ${folder})
+  foreach(header_folder IN LISTS ARGN)
+    if(NOT EXISTS /usr/include/${header_folder})
+      message(FATAL_ERROR "/usr/include/${header_folder} is missing: run scripts/setup, or install ${target}'s headers")
+    endif()
+    file(CREATE_LINK /usr/include/${header_folder} ${folder}/${header_folder} SYMBOLIC)
+  endforeach()
+  add_library(host_${target} INTERFACE)
+  add_library(host::${target} ALIAS host_${target})
+  target_include_directories(host_${target} SYSTEM INTERFACE ${folder})
+endfunction()
+
+kvtile_host_headers(boost boost)
+kvtile_host_headers(rapidjson rapidjson)
+kvtile_host_headers(spdlog spdlog fmt)
+target_compile_definitions(host_spdlog INTERFACE FMT_HEADER_ONLY)
