@@ -1,0 +1,187 @@
+/* KvTileImage: raster images larger than memory, held as tiles, read and written by rows, columns and pixels.
+ *
+ * Plain C (C99 and later), also valid C++.
+ *
+ * Handles. An allocating function returns a handle that the caller owns and gives back, once, with
+ * KvTileImage_Unload. Every function accepts a null handle and then returns its failure value.
+ *
+ * Failure. Functions report failure by their result (null, false or 0) and log the reason through EmberLogger
+ * (see ember_logger/ember_logger.h for how to take the messages over). No function throws, and none aborts.
+ *
+ * Pixels. A pixel is samplesPerPixel samples of bitsPerSample bits each, bitsPerPixel in all. In every buffer the
+ * samples of a pixel follow each other in channel order and the pixels follow each other without padding:
+ *  - bitsPerSample 1, 2 and 4 are packed, most significant bit first: bit i of the run is in byte i / 8 at bit
+ *    position 7 - i % 8, counted from the least significant bit. A run starts at the first bit of its buffer, and the
+ *    bits behind its end in the last byte keep their values when the library writes into the buffer.
+ *  - every other bitsPerSample is copied as whole bytes, in the machine's byte order (little-endian); use multiples
+ *    of 8.
+ * A column run has the same layout: the pixels of successive rows follow each other as the pixels of a row would.
+ * A run of n pixels occupies (n * bitsPerPixel + 7) / 8 bytes.
+ *
+ * Coordinates are pixels, x to the right and y downwards from 0; ranges are half-open: [begin, end).
+ *
+ * Threads. Functions may be called from any thread. Threads may read and write one image at the same time as long as
+ * no two of them write the same pixels, or packed pixels that share a byte. Unloading an image must not overlap any
+ * other use of it.
+ */
+#ifndef KVTILEIMAGE_KVTILEIMAGE_H
+#define KVTILEIMAGE_KVTILEIMAGE_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#if defined(_WIN32) && !defined(KVTILEIMAGE_BUILD)
+#define KVTILEIMAGE_API __declspec(dllimport)
+#else
+#define KVTILEIMAGE_API
+#endif
+
+#ifdef __cplusplus
+#define KVTILEIMAGE_NOEXCEPT noexcept
+extern "C" {
+#else
+#define KVTILEIMAGE_NOEXCEPT
+#endif
+
+/* One image. Owned by the caller from the allocating function to KvTileImage_Unload. */
+typedef struct TileImageHandle TileImageHandle;
+
+/* How the image will mostly be accessed; shapes the tiles of images that are kept in files. */
+#define KVTI_SCANLINE_OPERATION_ROW UINT32_C(1)    /* whole rows */
+#define KVTI_SCANLINE_OPERATION_COL UINT32_C(2)    /* whole columns */
+#define KVTI_SCANLINE_OPERATION_ROWCOL UINT32_C(3) /* both */
+
+/* Meaning of a sample's bits, the numbering of TIFF's SampleFormat. The library keeps the value for the caller and
+ * hands it on to images made from this one; any value may be stored. */
+#define KVTI_SAMPLEFORMAT_UINT UINT32_C(1)
+#define KVTI_SAMPLEFORMAT_INT UINT32_C(2)
+#define KVTI_SAMPLEFORMAT_FLOAT UINT32_C(3)
+#define KVTI_SAMPLEFORMAT_UNSET UINT32_C(0xFFFFFFFF)
+
+/* ---- Version and memory budget ---------------------------------------------------------------------------------- */
+
+/* Stores the three parts of the version (2, 0, 15) into the targets that are not null. */
+KVTILEIMAGE_API void KvTileImage_VersionNum(uint32_t* major, uint32_t* minor, uint32_t* patch) KVTILEIMAGE_NOEXCEPT;
+
+/* Stores the address of the version text "2.0.15" into *out, unless `out` is null. The library owns the text; it stays
+ * valid while the library is loaded. */
+KVTILEIMAGE_API void KvTileImage_VersionString(const char** out) KVTILEIMAGE_NOEXCEPT;
+
+/* Sets the process-wide heap budget to `bytes`, at least 64 MiB (smaller values are raised). Initially 1 GiB. Images
+ * that exist already stay where they are.
+ *
+ * A new image is kept in heap memory when its size in BITS (width * height * bitsPerPixel) is less than the budget
+ * minus the bytes that live heap images use; an image of at most 8192 bits as long as they use less than twice the
+ * budget. With the initial budget this keeps images up to 128 MiB in memory. To keep an image of n bytes there, set a
+ * budget of more than 8 * n plus the bytes in use. */
+KVTILEIMAGE_API void KvTileImage_SetMaxMemoryStorageBytes(uint64_t bytes) KVTILEIMAGE_NOEXCEPT;
+
+/* ---- Allocation and release ------------------------------------------------------------------------------------- */
+
+/* Allocates an image of width * height pixels, all samples zero, at 72 dpi.
+ *   sampleformat           stored and returned only; see KVTI_SAMPLEFORMAT_UINT
+ *   bForceUseFileMapping   not 0: do not keep the image in heap memory, whatever the budget says
+ *   scanlineOperation      KVTI_SCANLINE_OPERATION_ROW, _COL or _ROWCOL; looked at for images kept in files only
+ * Returns the image, or null if one of the four sizes is 0, if their product does not fit 64 bits, or if the storage
+ * cannot be had. This release keeps images in heap memory only: an image beyond the budget, or with
+ * bForceUseFileMapping set, is refused. */
+KVTILEIMAGE_API TileImageHandle* KvTileImage_AllocEx(uint32_t width, uint32_t height, uint32_t samplesPerPixel,
+                                                     uint32_t bitsPerSample, uint32_t sampleformat,
+                                                     uint8_t bForceUseFileMapping,
+                                                     uint32_t scanlineOperation) KVTILEIMAGE_NOEXCEPT;
+
+/* KvTileImage_AllocEx with KVTI_SCANLINE_OPERATION_ROWCOL. */
+KVTILEIMAGE_API TileImageHandle* KvTileImage_Alloc(uint32_t width, uint32_t height, uint32_t samplesPerPixel,
+                                                   uint32_t bitsPerSample, uint32_t sampleformat,
+                                                   uint8_t bForceUseFileMapping) KVTILEIMAGE_NOEXCEPT;
+
+/* Releases the image and its storage. Null is ignored. The handle is invalid afterwards; releasing it a second time
+ * is an error of the caller that the library cannot detect. */
+KVTILEIMAGE_API void KvTileImage_Unload(TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+
+/* ---- Properties ------------------------------------------------------------------------------------------------- */
+
+/* Size in pixels; 0 for a null handle. */
+KVTILEIMAGE_API uint32_t KvTileImage_GetWidth(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API uint32_t KvTileImage_GetHeight(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+
+/* Pixel format; 0 for a null handle. bitsPerPixel = samplesPerPixel * bitsPerSample. */
+KVTILEIMAGE_API uint32_t KvTileImage_GetSamplesPerPixel(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API uint32_t KvTileImage_GetBitsPerSample(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API uint32_t KvTileImage_GetBitsPerPixel(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+
+/* The value given at allocation; KVTI_SAMPLEFORMAT_UNSET for a null handle. */
+KVTILEIMAGE_API uint32_t KvTileImage_GetSampleformat(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+
+/* Resolution in dots per inch, kept for the caller; 0 for a null handle. A new image has 72. */
+KVTILEIMAGE_API float KvTileImage_GetDpiX(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API float KvTileImage_GetDpiY(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API void KvTileImage_SetDpiX(TileImageHandle* image, float dpi) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API void KvTileImage_SetDpiY(TileImageHandle* image, float dpi) KVTILEIMAGE_NOEXCEPT;
+
+/* ---- Buffer sizes ----------------------------------------------------------------------------------------------- */
+
+/* Bytes of a whole row (width pixels) or column (height pixels) rounded up to a multiple of 4: what to allow for each
+ * scanline of a 4-byte aligned array. 0 for a null handle. */
+KVTILEIMAGE_API uint64_t KvTileImage_GetRowScanlineStrideBytes(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API uint64_t KvTileImage_GetColScanlineStrideBytes(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+
+/* Bytes of a whole row or column exactly, ceil(bits / 8): the smallest buffer that the transfers below accept for it.
+ * 0 for a null handle. */
+KVTILEIMAGE_API uint64_t KvTileImage_GetRowScanlineSuitableBytes(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API uint64_t KvTileImage_GetColScanlineSuitableBytes(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+
+/* ---- Pixel, row and column transfer ----------------------------------------------------------------------------- */
+
+/* Get... copies from the image into `buffer`, Set... from `buffer` into the image. `buffer` belongs to the caller and
+ * holds `bufferBytes` bytes, at least as many as the run occupies; bytes behind the run are neither read nor written.
+ *
+ * False, with a logged reason, if the handle or the buffer is null, the run is empty or reaches outside the image, or
+ * the buffer is too small; nothing is copied then. A run that fails in a later tile leaves what the earlier tiles
+ * received.
+ *
+ * Columns of packed formats with pixels of 8 bits and more (for example 3 x 4 bits): where the pixel's place in its
+ * tile row and its place in the buffer start at the same, non-zero bit of a byte, the transfer fails. Rows and single
+ * pixels have no such limit. */
+
+/* The pixel at (x, y). */
+KVTILEIMAGE_API bool KvTileImage_GetPixelData(TileImageHandle* image, uint32_t x, uint32_t y, uint8_t* buffer,
+                                              uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_SetPixelData(TileImageHandle* image, uint32_t x, uint32_t y, const uint8_t* buffer,
+                                              uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+
+/* Pixels [x1, x2) of row y. */
+KVTILEIMAGE_API bool KvTileImage_GetRowData(TileImageHandle* image, uint32_t y, uint32_t x1, uint32_t x2,
+                                            uint8_t* buffer, uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_SetRowData(TileImageHandle* image, uint32_t y, uint32_t x1, uint32_t x2,
+                                            const uint8_t* buffer, uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+
+/* Pixels [y1, y2) of column x. */
+KVTILEIMAGE_API bool KvTileImage_GetColData(TileImageHandle* image, uint32_t x, uint32_t y1, uint32_t y2,
+                                            uint8_t* buffer, uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_SetColData(TileImageHandle* image, uint32_t x, uint32_t y1, uint32_t y2,
+                                            const uint8_t* buffer, uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+
+/* All pixels of row y. */
+KVTILEIMAGE_API bool KvTileImage_GetFullRowData(TileImageHandle* image, uint32_t y, uint8_t* buffer,
+                                                uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_SetFullRowData(TileImageHandle* image, uint32_t y, const uint8_t* buffer,
+                                                uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+
+/* All pixels of column x. */
+KVTILEIMAGE_API bool KvTileImage_GetFullColData(TileImageHandle* image, uint32_t x, uint8_t* buffer,
+                                                uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_SetFullColData(TileImageHandle* image, uint32_t x, const uint8_t* buffer,
+                                                uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+
+/* ---- Scaling helper --------------------------------------------------------------------------------------------- */
+
+/* count * scale + 0.5, truncated: the pixels that `count` pixels become under `scale`. Results below 0 and not-a-number
+ * give 0, results of 2^64 and more the largest uint64_t. */
+KVTILEIMAGE_API uint64_t KvTileImage_ComputeScaledPixelCount(uint64_t count, double scale) KVTILEIMAGE_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

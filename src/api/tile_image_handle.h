@@ -1,0 +1,35 @@
+// The handles that callers hold.
+#pragma once
+
+#include <memory>
+#include <new>
+
+#include "core/tile_image.h"
+
+// A heap cell of one pointer. The image is never shared between two handles.
+struct TileImageHandle {
+  std::unique_ptr<core::TileImage> image;
+};
+
+namespace api {
+
+// A new handle that owns `image`. Null if `image` is null or there is no memory; the image is destroyed then.
+inline TileImageHandle* wrap(std::unique_ptr<core::TileImage> image) {
+  return image == nullptr ? nullptr : new (std::nothrow) TileImageHandle{std::move(image)};
+}
+
+// What `query` returns for the handle's image, or `empty` without one, or if an exception escapes: none crosses the
+// exported interface.
+template <class Handle, class Result, class Query>
+Result ask(Handle* handle, Result empty, Query&& query) noexcept {
+  if (handle == nullptr || handle->image == nullptr) {
+    return empty;
+  }
+  try {
+    return query(*handle->image);
+  } catch (...) {
+    return empty;
+  }
+}
+
+}  // namespace api

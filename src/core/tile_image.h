@@ -1,0 +1,76 @@
+// One raster image of any size.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "core/pixel_format.h"
+#include "core/tile_manager.h"
+
+namespace core {
+
+// What an image is created from; every value as the exported functions take it.
+struct TileImageArguments {
+  std::uint32_t width = 0;
+  std::uint32_t height = 0;
+  std::uint32_t samplesPerPixel = 0;
+  std::uint32_t bitsPerSample = 0;
+  std::uint32_t sampleformat = 0;
+  bool bForceUseFileMapping = false;
+  std::uint32_t scanlineOperation = 0;
+};
+
+// Format and size never change after creation. Threads may copy different rows and columns at the same time; packed
+// pixels that share a byte must not be written at the same time.
+class TileImage {
+ public:
+  // Null, with a logged reason, if an argument is 0 or the storage cannot be had.
+  static std::unique_ptr<TileImage> createNormal(const TileImageArguments& arguments);
+
+  TileImage() = default;
+  TileImage(const TileImage&) = delete;
+  TileImage& operator=(const TileImage&) = delete;
+
+  // Copies pixels [x1, x2) of row y between the image and `buffer`, which holds them packed from its first byte on.
+  // False, with a logged reason, if the run is empty or outside the image, `buffer` is null or too small, or a tile
+  // fails; the tiles before a failing one have been copied.
+  bool copyRowData(std::uint32_t y, std::uint32_t x1, std::uint32_t x2, std::uint8_t* buffer, std::uint64_t bufferBytes,
+                   Direction direction);
+
+  // Copies pixels [y1, y2) of column x in the same way.
+  bool copyColData(std::uint32_t x, std::uint32_t y1, std::uint32_t y2, std::uint8_t* buffer, std::uint64_t bufferBytes,
+                   Direction direction);
+
+  std::uint32_t width() const { return width_; }
+  std::uint32_t height() const { return height_; }
+  const PixelFormat& format() const { return format_; }
+  std::uint32_t sampleformat() const { return sampleformat_; }
+  std::uint32_t scanlineOperation() const { return scanlineOperation_; }
+
+  // Dots per inch, kept for the caller.
+  float dpiX() const { return dpiX_; }
+  float dpiY() const { return dpiY_; }
+  void setDpiX(float dpi) { dpiX_ = dpi; }
+  void setDpiY(float dpi) { dpiY_ = dpi; }
+
+ private:
+  class BufferCursor;
+
+  bool postInitializeNormal(const TileImageArguments& arguments);
+  bool copyRowTiles(std::uint32_t y, std::uint32_t x1, std::uint32_t x2, BufferCursor cursor, Direction direction);
+  bool copyColTiles(std::uint32_t x, std::uint32_t y1, std::uint32_t y2, BufferCursor cursor, Direction direction);
+  bool check() const;
+  bool checkBytes(std::uint32_t pixels, const std::uint8_t* buffer, std::uint64_t bufferBytes,
+                  const char* function) const;
+
+  std::uint32_t width_ = 0;
+  std::uint32_t height_ = 0;
+  PixelFormat format_;
+  float dpiX_ = 72.0F;
+  float dpiY_ = 72.0F;
+  std::uint32_t sampleformat_ = 0xFFFFFFFF;
+  std::uint32_t scanlineOperation_ = 3;
+  std::shared_ptr<TileManager> tileManager_;
+};
+
+}  // namespace core

@@ -1,0 +1,57 @@
+// The tile grid of one image and the storage behind it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "core/tile.h"
+#include "core/tile_grid.h"
+#include "storage/block_center.h"
+
+namespace core {
+
+class TileImage;
+
+class TileManager {
+ public:
+  // Divides `owner`, which outlives the manager, into tiles and allocates them: in heap memory if the process's budget
+  // has room for the image and `bForceUseFileMapping` is false. Empty, with a logged reason, on failure.
+  static std::shared_ptr<TileManager> createNormal(const TileImage& owner, bool bForceUseFileMapping);
+
+  explicit TileManager(const TileImage& owner) : owner_(owner) {}
+  ~TileManager();
+  TileManager(const TileManager&) = delete;
+  TileManager& operator=(const TileManager&) = delete;
+
+  // Announces to the storage that the calling thread is about to read (or, with `bWrite`, write) the pixel columns
+  // [x1, x2) and rows [y1, y2). False, with a logged reason, if the rectangle is empty.
+  bool adjustCache(std::uint32_t x1, std::uint32_t x2, std::uint32_t y1, std::uint32_t y2, bool bWrite);
+
+  const TileGrid& grid() const { return *grid_; }
+
+  // The tile at (row, column) of the grid; null if there is none.
+  const Tile* tile(std::uint64_t row, std::uint64_t column) const {
+    const std::uint64_t index = row * grid_->tileColCount() + column;
+    return index < tiles_.size() ? tiles_[index].get() : nullptr;
+  }
+
+ private:
+  bool postInitializeNormal(bool bForceUseFileMapping);
+  bool createTiles();
+  static bool fitsHeapBudget(std::uint64_t fuzzyTotalBytes);
+  void calculate_UseFileMapping();
+  bool initTiles();
+  void logGrid() const;
+
+  const TileImage& owner_;
+  std::optional<TileGrid> grid_;
+  std::shared_ptr<storage::BlockCenter> blockCenter_;
+  std::vector<std::unique_ptr<Tile>> tiles_;  // row by row
+  bool useMemory_ = true;
+  std::uint64_t sumBytes_ = 0;  // of all tiles
+  bool counted_ = false;        // sumBytes_ stands in the process's heap budget
+};
+
+}  // namespace core

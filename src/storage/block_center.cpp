@@ -1,0 +1,24 @@
+#include "storage/block_center.h"
+
+#include "base/log.h"
+#include "platform/system_info.h"
+#include "storage/memory_storage_strategy.h"
+
+namespace storage {
+
+std::shared_ptr<BlockCenter> BlockCenter::create(const TileByteSizes& tileByteSizes, bool useMemory) {
+  if (!useMemory) {
+    return nullptr;
+  }
+  const std::uint64_t available = platform::totalMemoryBytes();
+  if (tileByteSizes.total() > available) {
+    // The system would hand it out all the same, tile by tile, and end the process when the tiles are written.
+    base::logger().log(ember_logger::error, "[%s] the tiles take %llu bytes, more than the machine's %llu bytes",
+                       "BlockCenter::create", base::ull{tileByteSizes.total()}, base::ull{available});
+    return nullptr;
+  }
+  std::shared_ptr<IStorageStrategy> storage = MemoryStorageStrategy::create(tileByteSizes);
+  return storage == nullptr ? nullptr : std::make_shared<BlockCenter>(std::move(storage));
+}
+
+}  // namespace storage
