@@ -93,6 +93,11 @@ TEST(NullHandleTest, GivesEmptyResults) {
   EXPECT_FALSE(KvTileImage_GetFullColData(nullptr, 0, buffer.data(), 16));
   EXPECT_FALSE(KvTileImage_SetFullColData(nullptr, 0, buffer.data(), 16));
   EXPECT_EQ(buffer, Bytes(16, 0x33));
+  EXPECT_EQ(KvTileImage_RotateAndMirror(nullptr, 90, 1, true, nullptr), nullptr);
+  EXPECT_EQ(KvTileImage_Rotate(nullptr, 90, nullptr), nullptr);
+  EXPECT_EQ(KvTileImage_Mirror(nullptr, 1, nullptr), nullptr);
+  EXPECT_EQ(KvTileImage_HorizontalMirror(nullptr, nullptr), nullptr);
+  EXPECT_EQ(KvTileImage_VerticalMirror(nullptr, nullptr), nullptr);
   KvTileImage_Unload(nullptr);
 }
 
@@ -280,6 +285,123 @@ TEST(PixelIoTest, FailsColumnsOfPackedPixelsThatShareAPlaceInsideAByte) {
                     "[Tile::copyColData_1_2_4BitsPerSample] fill_1_2_4BitsPerSample failed",
                     "[TileImage::copyColData_1_2_4BitsPerSample] tile copyColData failed! x:1 y1:0 y2:4 tileRowCount:1 "
                     "tileColCount:1"}));
+}
+
+// ---- Rotation
+
+Image numbered(std::uint32_t width, std::uint32_t height) {
+  Image image = allocate(width, height, 1, 8);
+  for (std::uint32_t y = 0; y < height; ++y) {
+    for (std::uint32_t x = 0; x < width; ++x) {
+      const auto value = static_cast<std::uint8_t>(10 * y + x);
+      EXPECT_TRUE(KvTileImage_SetPixelData(image.get(), x, y, &value, 1));
+    }
+  }
+  return image;
+}
+
+std::vector<Bytes> rows(const Image& image) {
+  std::vector<Bytes> result(KvTileImage_GetHeight(image.get()), Bytes(KvTileImage_GetWidth(image.get())));
+  for (std::uint32_t y = 0; y < result.size(); ++y) {
+    EXPECT_TRUE(KvTileImage_GetFullRowData(image.get(), y, result[y].data(), result[y].size()));
+  }
+  return result;
+}
+
+TEST(RotationTest, TurnsAndMirrorsBySight) {
+  const Image source = numbered(3, 2);  // 0 1 2 over 10 11 12
+  EXPECT_EQ(rows(Image(KvTileImage_Rotate(source.get(), 90, nullptr))),
+            (std::vector<Bytes>{{10, 0}, {11, 1}, {12, 2}}));
+  EXPECT_EQ(rows(Image(KvTileImage_Rotate(source.get(), 180, nullptr))), (std::vector<Bytes>{{12, 11, 10}, {2, 1, 0}}));
+  EXPECT_EQ(rows(Image(KvTileImage_Rotate(source.get(), 270, nullptr))),
+            (std::vector<Bytes>{{2, 12}, {1, 11}, {0, 10}}));
+  EXPECT_EQ(rows(Image(KvTileImage_Rotate(source.get(), -90, nullptr))),
+            (std::vector<Bytes>{{2, 12}, {1, 11}, {0, 10}}));
+  EXPECT_EQ(rows(Image(KvTileImage_Rotate(source.get(), -720, nullptr))),
+            (std::vector<Bytes>{{0, 1, 2}, {10, 11, 12}}));
+  EXPECT_EQ(rows(Image(KvTileImage_HorizontalMirror(source.get(), nullptr))),
+            (std::vector<Bytes>{{2, 1, 0}, {12, 11, 10}}));
+  EXPECT_EQ(rows(Image(KvTileImage_VerticalMirror(source.get(), nullptr))),
+            (std::vector<Bytes>{{10, 11, 12}, {0, 1, 2}}));
+  // Transposed, and transposed along the other diagonal.
+  EXPECT_EQ(rows(Image(KvTileImage_RotateAndMirror(source.get(), 90, KVTI_MIRROR_HORIZONTAL, true, nullptr))),
+            (std::vector<Bytes>{{0, 10}, {1, 11}, {2, 12}}));
+  EXPECT_EQ(rows(Image(KvTileImage_RotateAndMirror(source.get(), 90, KVTI_MIRROR_HORIZONTAL, false, nullptr))),
+            (std::vector<Bytes>{{12, 2}, {11, 1}, {10, 0}}));
+}
+
+TEST(RotationTest, RefusesOtherAngles) {
+  LogCapture log;
+  const Image source = numbered(3, 2);
+  EXPECT_EQ(KvTileImage_Rotate(source.get(), 45, nullptr), nullptr);
+  EXPECT_EQ(log.take(), errors({"[RotateEngine::rotateAndMirror] rotation:45 !",
+                                "[KvTileImage_RotateAndMirror] rotateAndMirror failed!"}));
+  EXPECT_EQ(KvTileImage_Rotate(source.get(), std::numeric_limits<std::int32_t>::max(), nullptr), nullptr);
+  EXPECT_EQ(KvTileImage_Rotate(source.get(), std::numeric_limits<std::int32_t>::min(), nullptr), nullptr);
+}
+
+TEST(RotationTest, WritesNothingForAnUnknownMirrorOfTheResult) {
+  const Image source = numbered(3, 2);
+  const Image result(KvTileImage_Mirror(source.get(), 3, nullptr));
+  EXPECT_EQ(rows(result), (std::vector<Bytes>{{0, 0, 0}, {0, 0, 0}}));
+  // Of the source, it counts as none.
+  EXPECT_EQ(rows(Image(KvTileImage_RotateAndMirror(source.get(), 0, 3, false, nullptr))), rows(source));
+}
+
+TEST(RotationTest, KeepsFormatAndNotResolution) {
+  const Image source = allocate(3, 2, 2, 16, KVTI_SAMPLEFORMAT_INT);
+  KvTileImage_SetDpiX(source.get(), 300.0F);
+  const Image result(KvTileImage_Rotate(source.get(), 90, nullptr));
+  EXPECT_EQ(KvTileImage_GetWidth(result.get()), 2U);
+  EXPECT_EQ(KvTileImage_GetHeight(result.get()), 3U);
+  EXPECT_EQ(KvTileImage_GetSamplesPerPixel(result.get()), 2U);
+  EXPECT_EQ(KvTileImage_GetBitsPerSample(result.get()), 16U);
+  EXPECT_EQ(KvTileImage_GetSampleformat(result.get()), KVTI_SAMPLEFORMAT_INT);
+  EXPECT_EQ(KvTileImage_GetDpiX(result.get()), 72.0F);
+}
+
+std::vector<std::pair<std::uint32_t, std::uint32_t>> calls;
+void record(std::uint32_t index, std::uint32_t count) { calls.emplace_back(index, count); }
+
+TEST(RotationTest, ReportsEachRow) {
+  const Image source = numbered(3, 4);
+  for (const std::int32_t rotation : {0, 90, 180, 270}) {
+    calls.clear();
+    const Image result(KvTileImage_Rotate(source.get(), rotation, &record));
+    ASSERT_NE(result, nullptr);
+    EXPECT_THAT(calls, ElementsAre(std::pair{0U, 4U}, std::pair{1U, 4U}, std::pair{2U, 4U}, std::pair{3U, 4U}));
+  }
+  calls.clear();
+  const Image unwritten(KvTileImage_Mirror(source.get(), 9, &record));
+  EXPECT_EQ(calls.size(), 4U);
+}
+
+void stop(std::uint32_t index, std::uint32_t) {
+  if (index == 1) {
+    throw std::string("stop");
+  }
+}
+
+TEST(RotationTest, StopsWhenTheCallbackThrows) {
+  LogCapture log;
+  const Image source = numbered(3, 4);
+  EXPECT_EQ(KvTileImage_Rotate(source.get(), 90, &stop), nullptr);
+  EXPECT_EQ(log.take(), errors({"[RotateEngine::rotateAndMirror] unknow exception",
+                                "[KvTileImage_RotateAndMirror] rotateAndMirror failed!"}));
+  EXPECT_NE(Image(KvTileImage_Rotate(source.get(), 90, nullptr)), nullptr);
+}
+
+TEST(RotationTest, FailsWhereTheResultDoesNotFitTheBudget) {
+  KvTileImage_SetMaxMemoryStorageBytes(0x4000000);
+  const Image source = allocate(7500, 1000, 1, 8);
+  ASSERT_NE(source, nullptr);
+  LogCapture log;
+  EXPECT_EQ(KvTileImage_Rotate(source.get(), 90, nullptr), nullptr);
+  EXPECT_EQ(log.take(),
+            errors({"[TileManager::postInitializeNormal] blockCenter_ create failed",
+                    "[TileManager::createNormal] postInitialize failed",
+                    "[TileImage::postInitializeNormal] create failed!", "[TileImage::createNormal] create failed"}));
+  KvTileImage_SetMaxMemoryStorageBytes(0x40000000);
 }
 
 }  // namespace

@@ -39,6 +39,7 @@ TEST(HandleTest, WithoutAnImageGivesEmptyResults) {
   EXPECT_EQ(KvTileImage_GetRowScanlineSuitableBytes(handle), 0U);
   std::uint8_t byte = 0;
   EXPECT_FALSE(KvTileImage_GetPixelData(handle, 0, 0, &byte, 1));
+  EXPECT_EQ(KvTileImage_Rotate(handle, 90, nullptr), nullptr);
   KvTileImage_Unload(handle);
 }
 

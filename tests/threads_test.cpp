@@ -1,6 +1,7 @@
 // Images used by several threads at once.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <thread>
 #include <vector>
@@ -65,6 +66,24 @@ TEST(ThreadsTest, WriteDisjointColumnsOfOneImage) {
       ASSERT_EQ(row[x], valueAt(x, y)) << x << ", " << y;
     }
   }
+}
+
+TEST(ThreadsTest, CreateTurnAndReleaseImagesOfTheirOwn) {
+  std::atomic<int> turned = 0;
+  onThreads([&](std::uint32_t index) {
+    for (std::uint32_t round = 0; round < 30; ++round) {
+      const Image image = support::allocate(50 + index, 150, 1, 8);
+      const std::uint8_t pixel = valueAt(index, round);
+      EXPECT_TRUE(KvTileImage_SetPixelData(image.get(), 3, 140, &pixel, 1));
+      const Image result(KvTileImage_Rotate(image.get(), 90, nullptr));
+      std::uint8_t back = 0;
+      EXPECT_TRUE(KvTileImage_GetPixelData(result.get(), 150 - 1 - 140, 3, &back, 1));
+      turned += back == pixel ? 1 : 0;
+    }
+  });
+  EXPECT_EQ(turned, static_cast<int>(kThreads * 30));
+  // All budget is free again: an image of nearly the whole of it fits.
+  EXPECT_NE(support::allocate(13000, 10000, 1, 8), nullptr);
 }
 
 }  // namespace

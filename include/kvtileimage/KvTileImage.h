@@ -46,6 +46,11 @@ extern "C" {
 /* One image. Owned by the caller from the allocating function to KvTileImage_Unload. */
 typedef struct TileImageHandle TileImageHandle;
 
+/* Called after each row of a rotation or mirroring: `index` is the row just done, ascending from 0, `count` the number
+ * of rows. Runs on the thread that called the library. A C++ callback may throw to stop the work: the function that
+ * was called then fails as it does for any other reason (the exception ends there). */
+typedef void (*KvTileImage_ProgressCallback)(uint32_t index, uint32_t count);
+
 /* How the image will mostly be accessed; shapes the tiles of images that are kept in files. */
 #define KVTI_SCANLINE_OPERATION_ROW UINT32_C(1)    /* whole rows */
 #define KVTI_SCANLINE_OPERATION_COL UINT32_C(2)    /* whole columns */
@@ -57,6 +62,11 @@ typedef struct TileImageHandle TileImageHandle;
 #define KVTI_SAMPLEFORMAT_INT UINT32_C(2)
 #define KVTI_SAMPLEFORMAT_FLOAT UINT32_C(3)
 #define KVTI_SAMPLEFORMAT_UNSET UINT32_C(0xFFFFFFFF)
+
+/* Mirror codes. */
+#define KVTI_MIRROR_NONE UINT32_C(0)
+#define KVTI_MIRROR_HORIZONTAL UINT32_C(1) /* left and right change places */
+#define KVTI_MIRROR_VERTICAL UINT32_C(2)   /* top and bottom change places */
 
 /* ---- Version and memory budget ---------------------------------------------------------------------------------- */
 
@@ -113,7 +123,8 @@ KVTILEIMAGE_API uint32_t KvTileImage_GetBitsPerPixel(const TileImageHandle* imag
 /* The value given at allocation; KVTI_SAMPLEFORMAT_UNSET for a null handle. */
 KVTILEIMAGE_API uint32_t KvTileImage_GetSampleformat(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
 
-/* Resolution in dots per inch, kept for the caller; 0 for a null handle. A new image has 72. */
+/* Resolution in dots per inch, kept for the caller; 0 for a null handle. A new image, the result of a rotation
+ * included, has 72. */
 KVTILEIMAGE_API float KvTileImage_GetDpiX(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
 KVTILEIMAGE_API float KvTileImage_GetDpiY(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
 KVTILEIMAGE_API void KvTileImage_SetDpiX(TileImageHandle* image, float dpi) KVTILEIMAGE_NOEXCEPT;
@@ -179,6 +190,45 @@ KVTILEIMAGE_API bool KvTileImage_SetFullColData(TileImageHandle* image, uint32_t
 /* count * scale + 0.5, truncated: the pixels that `count` pixels become under `scale`. Results below 0 and not-a-number
  * give 0, results of 2^64 and more the largest uint64_t. */
 KVTILEIMAGE_API uint64_t KvTileImage_ComputeScaledPixelCount(uint64_t count, double scale) KVTILEIMAGE_NOEXCEPT;
+
+/* ---- Rotation and mirroring ------------------------------------------------------------------------------------- */
+
+/* Turns `image` clockwise by `rotation` degrees, any positive or negative multiple of 90, and mirrors it by `mirror`
+ * (KVTI_MIRROR_...): the turned image if `mirrorAfterRotation`, else the image before it is turned. Width and height
+ * change places at 90 and 270 degrees. The source stays as it is.
+ *
+ * Returns a new image of the same format at 72 dpi, owned by the caller, or null, with a logged reason, for a null
+ * handle, another angle, storage that cannot be had, or a row or column that cannot be transferred. A mirror code above
+ * 2 with `mirrorAfterRotation` set gives an image of the right shape with all samples zero; with it clear it counts as
+ * no mirroring.
+ *
+ * `progress` may be null; it is called once for each row of the source.
+ *
+ * Two packed layouts have limits that callers rely on and that therefore stay:
+ *  - 2 bits per sample: results that need rows reversed (a horizontal mirror, 180 degrees, 270 degrees, 90 degrees with
+ *    a vertical mirror of the result) come back with altered samples, because the packing of 2-bit rows adds a
+ *    second, 4-bit pass over the same bytes. Convert to 8 bits first.
+ *  - pixels of 8 bits and more that do not start on whole bytes (for example 3 x 4 bits): 90 and 270 degrees fail where
+ *    the column transfer does. Convert to 8 bits first. */
+KVTILEIMAGE_API TileImageHandle* KvTileImage_RotateAndMirror(
+    TileImageHandle* image, int32_t rotation, uint32_t mirror, bool mirrorAfterRotation,
+    KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+
+/* KvTileImage_RotateAndMirror without mirroring. */
+KVTILEIMAGE_API TileImageHandle* KvTileImage_Rotate(TileImageHandle* image, int32_t rotation,
+                                                    KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+
+/* KvTileImage_RotateAndMirror without turning. */
+KVTILEIMAGE_API TileImageHandle* KvTileImage_Mirror(TileImageHandle* image, uint32_t mirror,
+                                                    KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+
+/* KvTileImage_Mirror with KVTI_MIRROR_HORIZONTAL. */
+KVTILEIMAGE_API TileImageHandle* KvTileImage_HorizontalMirror(
+    TileImageHandle* image, KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+
+/* KvTileImage_Mirror with KVTI_MIRROR_VERTICAL. */
+KVTILEIMAGE_API TileImageHandle* KvTileImage_VerticalMirror(TileImageHandle* image,
+                                                            KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
 
 #ifdef __cplusplus
 }

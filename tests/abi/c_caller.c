@@ -10,12 +10,15 @@
 typedef char bool_is_one_byte[sizeof(bool) == 1 ? 1 : -1];
 
 static int errors_seen;
+static uint32_t rows_seen;
 
 static void count_error(int severity, const char* tag, const char* message, void* user) {
   (void)message;
   (void)user;
   errors_seen += severity == 4 && strcmp(tag, "KvTileImage") == 0;
 }
+
+static void count_row(uint32_t index, uint32_t count) { rows_seen += index < count; }
 
 static int fail(const char* what) {
   fprintf(stderr, "c_caller: %s\n", what);
@@ -26,6 +29,7 @@ int main(void) {
   const uint8_t pixel[3] = {1, 2, 3};
   uint8_t back[3] = {0, 0, 0};
   TileImageHandle* image;
+  TileImageHandle* turned;
 
   EmberLogger_SetSink(count_error, NULL);
   if (KvTileImage_Alloc(0, 1, 3, 8, KVTI_SAMPLEFORMAT_UINT, 0) != NULL || errors_seen != 2) {
@@ -35,9 +39,12 @@ int main(void) {
   if (image == NULL || !KvTileImage_SetPixelData(image, 4, 0, pixel, sizeof(pixel))) {
     return fail("an image could not be written");
   }
-  if (!KvTileImage_GetPixelData(image, 4, 0, back, sizeof(back)) || memcmp(pixel, back, sizeof(pixel)) != 0) {
-    return fail("the pixel is not where it belongs");
+  turned = KvTileImage_Rotate(image, 90, count_row);
+  if (turned == NULL || rows_seen != 4 || !KvTileImage_GetPixelData(turned, 3, 4, back, sizeof(back)) ||
+      memcmp(pixel, back, sizeof(pixel)) != 0) {
+    return fail("the turned pixel is not where it belongs");
   }
+  KvTileImage_Unload(turned);
   KvTileImage_Unload(image);
   EmberLogger_SetSink(NULL, NULL);
   return 0;

@@ -1,0 +1,55 @@
+// Rotation and mirroring into a new image.
+#include "api/tile_image_handle.h"
+#include "base/log.h"
+#include "kvtileimage/KvTileImage.h"
+#include "rotate/rotate_engine.h"
+
+using core::TileImage;
+using rotate::RotateEngine;
+
+namespace {
+
+std::unique_ptr<TileImage> allocateResult(const TileImage& source, uint32_t rotation) {
+  const bool axesKept = rotation % 180 == 0;
+  return TileImage::createNormal({axesKept ? source.width() : source.height(),
+                                  axesKept ? source.height() : source.width(), source.format().samplesPerPixel,
+                                  source.format().bitsPerSample, source.sampleformat(), false,
+                                  KVTI_SCANLINE_OPERATION_ROWCOL});
+}
+
+}  // namespace
+
+TileImageHandle* KvTileImage_RotateAndMirror(TileImageHandle* image, int32_t rotation, uint32_t mirror,
+                                             bool mirrorAfterRotation, KvTileImage_ProgressCallback progress) noexcept {
+  return api::ask(image, static_cast<TileImageHandle*>(nullptr), [&](TileImage& source) -> TileImageHandle* {
+    const uint32_t angle = RotateEngine::normalizeRotation(rotation);
+    auto result = allocateResult(source, angle);
+    if (result == nullptr) {
+      return nullptr;
+    }
+    if (!RotateEngine::rotateAndMirror(source, *result, static_cast<int32_t>(angle), mirror, mirrorAfterRotation,
+                                       progress)) {
+      base::logger().log(ember_logger::error, "[%s] rotateAndMirror failed!", "KvTileImage_RotateAndMirror");
+      return nullptr;
+    }
+    return api::wrap(std::move(result));
+  });
+}
+
+TileImageHandle* KvTileImage_Rotate(TileImageHandle* image, int32_t rotation,
+                                    KvTileImage_ProgressCallback progress) noexcept {
+  return KvTileImage_RotateAndMirror(image, rotation, KVTI_MIRROR_NONE, true, progress);
+}
+
+TileImageHandle* KvTileImage_Mirror(TileImageHandle* image, uint32_t mirror,
+                                    KvTileImage_ProgressCallback progress) noexcept {
+  return KvTileImage_RotateAndMirror(image, 0, mirror, true, progress);
+}
+
+TileImageHandle* KvTileImage_HorizontalMirror(TileImageHandle* image, KvTileImage_ProgressCallback progress) noexcept {
+  return KvTileImage_Mirror(image, KVTI_MIRROR_HORIZONTAL, progress);
+}
+
+TileImageHandle* KvTileImage_VerticalMirror(TileImageHandle* image, KvTileImage_ProgressCallback progress) noexcept {
+  return KvTileImage_Mirror(image, KVTI_MIRROR_VERTICAL, progress);
+}
