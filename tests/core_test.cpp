@@ -563,6 +563,7 @@ TEST(TileManagerTest, RefusesEmptyAreas) {
   EXPECT_TRUE(manager->adjustCache(5, 6, 0, 1, false));
   EXPECT_EQ(manager->tile(0, 0)->tileWidth(), 104U);
   EXPECT_EQ(manager->tile(1, 0), nullptr);
+  EXPECT_EQ(manager->tile(0, 1), nullptr);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/log.h"
+#include "core/big_endian.h"
 
 namespace core {
 namespace {
@@ -29,21 +30,6 @@ bool checkRanges(const char* function, std::uint64_t dstBytes, std::uint64_t dst
     return false;
   }
   return true;
-}
-
-std::uint64_t loadBigEndian(const std::uint8_t* bytes) {
-  std::uint64_t word = 0;
-  for (int i = 0; i < 8; ++i) {
-    word = word << 8 | bytes[i];
-  }
-  return word;
-}
-
-void storeBigEndian(std::uint8_t* bytes, std::uint64_t word) {
-  for (int i = 7; i >= 0; --i) {
-    bytes[i] = static_cast<std::uint8_t>(word);
-    word >>= 8;
-  }
 }
 
 // The `count` bits (1 to 8) from bit `bit` of `src` on, in the low bits. Reads only bytes that hold some of them.
@@ -78,7 +64,8 @@ void moveBits(std::uint8_t* dst, std::uint64_t dstBit, const std::uint8_t* src, 
   dst += dstBit / 8;
   src += srcBit / 8;
   srcBit %= 8;
-  if (const auto dstPhase = static_cast<unsigned>(dstBit % 8); dstPhase != 0 && count != 0) {
+  const auto dstPhase = static_cast<unsigned>(dstBit % 8);
+  if (dstPhase != 0 && count != 0) {
     const auto head = static_cast<unsigned>(std::min<std::uint64_t>(8 - dstPhase, count));
     pokeBits(*dst++, dstPhase, peekBits(src, srcBit, head), head);
     srcBit += head;

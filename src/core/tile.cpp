@@ -1,9 +1,13 @@
 #include "core/tile.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "base/log.h"
+#include "core/big_endian.h"
 #include "core/bit_tool.h"
+#include "core/narrow_column.h"
 #include "core/tile_image.h"
 
 namespace core {
@@ -94,6 +98,12 @@ void copyColumn(std::uint8_t* tile, std::uint64_t stride, std::uint8_t* buffer, 
 
 }  // namespace
 
+Tile::Tile(const TileImage& owner, std::shared_ptr<storage::Block> block, const TileGeometry& geometry)
+    : owner_(owner),
+      block_(std::move(block)),
+      geometry_(geometry),
+      rowBytes_(format().bitsPerPixel * geometry.allocatedWidth / 8) {}
+
 const PixelFormat& Tile::format() const { return owner_.format(); }
 
 bool Tile::copyRowData(std::uint32_t rowInTile, std::uint32_t x1, std::uint32_t x2, std::uint8_t* buffer,
@@ -122,7 +132,7 @@ bool Tile::copyRowData_8multipleBitsPerSample(std::uint32_t rowInTile, std::uint
   if (!block) {
     return false;
   }
-  std::uint8_t* const run = block.data() + rowInTile * rowBytes() + std::uint64_t{format().bitsPerPixel} * x1 / 8;
+  std::uint8_t* const run = block.data() + rowInTile * rowBytes_ + std::uint64_t{format().bitsPerPixel} * x1 / 8;
   copyBytes(run, buffer, needed, direction);
   return true;
 }
@@ -142,8 +152,8 @@ bool Tile::copyColData_8multipleBitsPerSample(std::uint32_t colInTile, std::uint
     return false;
   }
   if (y1 < y2) {
-    std::uint8_t* const run = block.data() + y1 * rowBytes() + std::uint64_t{format().bitsPerPixel} * colInTile / 8;
-    copyColumn(run, rowBytes(), buffer, y2 - y1, bytesPerPixel, direction);
+    std::uint8_t* const run = block.data() + y1 * rowBytes_ + std::uint64_t{format().bitsPerPixel} * colInTile / 8;
+    copyColumn(run, rowBytes_, buffer, y2 - y1, bytesPerPixel, direction);
   }
   return true;
 }
@@ -161,13 +171,13 @@ bool Tile::copyRowData_1_2_4BitsPerSample(std::uint32_t rowInTile, std::uint32_t
   if (!block) {
     return false;
   }
-  std::uint8_t* const row = block.data() + rowInTile * rowBytes();
+  std::uint8_t* const row = block.data() + rowInTile * rowBytes_;
   const std::uint64_t tileBit = std::uint64_t{format().bitsPerPixel} * x1;
   switch (direction) {
     case Direction::get:
-      return BitTool::fillBits(buffer, bufferBytes, bufferBit, row, rowBytes(), tileBit, bits);
+      return BitTool::fillBits(buffer, bufferBytes, bufferBit, row, rowBytes_, tileBit, bits);
     case Direction::set:
-      return BitTool::fillBits(row, rowBytes(), tileBit, buffer, bufferBytes, bufferBit, bits);
+      return BitTool::fillBits(row, rowBytes_, tileBit, buffer, bufferBytes, bufferBit, bits);
   }
   return true;
 }
@@ -176,9 +186,8 @@ bool Tile::copyColData_1_2_4BitsPerSample(std::uint32_t colInTile, std::uint32_t
                                           std::uint8_t* buffer, std::uint64_t bufferBytes, Direction direction,
                                           std::uint64_t sampleOffset) const {
   constexpr const char* kName = "Tile::copyColData_1_2_4BitsPerSample";
-  const std::uint32_t bitsPerPixel = format().bitsPerPixel;
-  const std::uint64_t bits = std::uint64_t{bitsPerPixel} * (y2 - y1);
-  std::uint64_t bufferBit = format().bitsPerSample * sampleOffset;
+  const std::uint64_t bits = std::uint64_t{format().bitsPerPixel} * (y2 - y1);
+  const std::uint64_t bufferBit = format().bitsPerSample * sampleOffset;
   if (!checkBufferBytes(bufferBytes, (bufferBit + 7 + bits) / 8, kName)) {
     return false;
   }
@@ -186,18 +195,55 @@ bool Tile::copyColData_1_2_4BitsPerSample(std::uint32_t colInTile, std::uint32_t
   if (!block) {
     return false;
   }
-  const std::uint64_t tileRowBytes = rowBytes();
-  const std::uint64_t tileBit = std::uint64_t{bitsPerPixel} * colInTile;
-  std::uint8_t* row = block.data() + y1 * tileRowBytes;
-  for (std::uint32_t y = y1; y < y2; ++y, row += tileRowBytes, bufferBit += bitsPerPixel) {
-    bool copied = true;
+  if (direction != Direction::get && direction != Direction::set) {
+    return true;
+  }
+  const std::uint64_t tileBit = std::uint64_t{format().bitsPerPixel} * colInTile;
+  const BitBuffer target{buffer, bufferBytes, bufferBit};
+  const bool narrow =
+      NarrowColumn::takes(format().bitsPerPixel) && colInTile < geometry_.allocatedWidth && y2 <= geometry_.height;
+  const bool copied = narrow ? copyNarrowColumn(block.data(), tileBit, y1, y2, target, direction)
+                             : copyWideColumn(block.data(), tileBit, y1, y2, target, direction);
+  if (!copied) {
+    base::logger().log(ember_logger::error, "[%s] fill_1_2_4BitsPerSample failed", kName);
+  }
+  return copied;
+}
+
+bool Tile::copyNarrowColumn(std::uint8_t* data, std::uint64_t tileBit, std::uint32_t y1, std::uint32_t y2,
+                            BitBuffer buffer, Direction direction) const {
+  const std::uint32_t bitsPerPixel = format().bitsPerPixel;
+  NarrowColumn column(data, rowBytes_, tileBit, bitsPerPixel);
+  std::array<std::uint8_t, 8> word{};
+  for (std::uint32_t y = y1; y < y2;) {
+    const std::uint32_t count = std::min(column.pixelsPerWord(), y2 - y);
+    const std::uint64_t bits = std::uint64_t{count} * bitsPerPixel;
     if (direction == Direction::get) {
-      copied = BitTool::fillBits(buffer, bufferBytes, bufferBit, row, tileRowBytes, tileBit, bitsPerPixel);
-    } else if (direction == Direction::set) {
-      copied = BitTool::fillBits(row, tileRowBytes, tileBit, buffer, bufferBytes, bufferBit, bitsPerPixel);
+      storeBigEndian(word.data(), column.read(y, count));
+      if (!BitTool::fillBitsEx(buffer.bytes, buffer.size, buffer.bit, word.data(), word.size(), 0, bits)) {
+        return false;
+      }
+    } else {
+      if (!BitTool::fillBitsEx(word.data(), word.size(), 0, buffer.bytes, buffer.size, buffer.bit, bits)) {
+        return false;
+      }
+      column.write(y, count, loadBigEndian(word.data()));
     }
+    buffer.bit += bits;
+    y += count;
+  }
+  return true;
+}
+
+bool Tile::copyWideColumn(std::uint8_t* data, std::uint64_t tileBit, std::uint32_t y1, std::uint32_t y2,
+                          BitBuffer buffer, Direction direction) const {
+  const std::uint32_t bits = format().bitsPerPixel;
+  std::uint8_t* row = data + y1 * rowBytes_;
+  for (std::uint32_t y = y1; y < y2; ++y, row += rowBytes_, buffer.bit += bits) {
+    const bool copied = direction == Direction::get
+                            ? BitTool::fillBits(buffer.bytes, buffer.size, buffer.bit, row, rowBytes_, tileBit, bits)
+                            : BitTool::fillBits(row, rowBytes_, tileBit, buffer.bytes, buffer.size, buffer.bit, bits);
     if (!copied) {
-      base::logger().log(ember_logger::error, "[%s] fill_1_2_4BitsPerSample failed", kName);
       return false;
     }
   }

@@ -6,6 +6,7 @@
 
 #include "core/pixel_format.h"
 #include "core/tile_grid.h"
+#include "platform/prefetch.h"
 #include "storage/block.h"
 
 namespace core {
@@ -23,8 +24,7 @@ class TileImage;
 class Tile {
  public:
   // `owner` outlives the tile and gives the pixel format.
-  Tile(const TileImage& owner, std::shared_ptr<storage::Block> block, const TileGeometry& geometry)
-      : owner_(owner), block_(std::move(block)), geometry_(geometry) {}
+  Tile(const TileImage& owner, std::shared_ptr<storage::Block> block, const TileGeometry& geometry);
 
   // Copies pixels [x1, x2) of tile row `rowInTile`. For packed formats `buffer` is the start of the caller's buffer and
   // the run begins `sampleOffset` samples into it; for whole-byte formats `buffer` starts at the run and `sampleOffset`
@@ -36,6 +36,14 @@ class Tile {
   // fail at the row it refuses; the rows before it have been copied.
   bool copyColData(std::uint32_t colInTile, std::uint32_t y1, std::uint32_t y2, std::uint8_t* buffer,
                    std::uint64_t bufferBytes, Direction direction, std::uint64_t sampleOffset) const;
+
+  // Has the caches fetch tile row `rowInTile`, where the block's bytes stay in one place: a copy of it that comes soon
+  // then waits less for memory.
+  void prefetchRow(std::uint32_t rowInTile) const {
+    if (block_->residentBytes() != nullptr) {
+      platform::prefetch(block_->residentBytes() + rowInTile * rowBytes_, rowBytes_);
+    }
+  }
 
   // Pixels that a row of the tile has room for.
   std::uint64_t tileWidth() const { return geometry_.allocatedWidth; }
@@ -51,12 +59,26 @@ class Tile {
   bool copyColData_1_2_4BitsPerSample(std::uint32_t colInTile, std::uint32_t y1, std::uint32_t y2, std::uint8_t* buffer,
                                       std::uint64_t bufferBytes, Direction direction, std::uint64_t sampleOffset) const;
 
+  // A caller's buffer and the bit of it where a run begins.
+  struct BitBuffer {
+    std::uint8_t* bytes;
+    std::uint64_t size;
+    std::uint64_t bit;
+  };
+
+  // Copy tile rows [y1, y2) of the pixel at bit `tileBit` of each row of `data`. Pixels narrower than a byte move by
+  // words; wider ones row by row, with the limits of BitTool::fillBits.
+  bool copyNarrowColumn(std::uint8_t* data, std::uint64_t tileBit, std::uint32_t y1, std::uint32_t y2, BitBuffer buffer,
+                        Direction direction) const;
+  bool copyWideColumn(std::uint8_t* data, std::uint64_t tileBit, std::uint32_t y1, std::uint32_t y2, BitBuffer buffer,
+                      Direction direction) const;
+
   const PixelFormat& format() const;
-  std::uint64_t rowBytes() const { return format().bitsPerPixel * geometry_.allocatedWidth / 8; }
 
   const TileImage& owner_;
   std::shared_ptr<storage::Block> block_;
   TileGeometry geometry_;
+  std::uint64_t rowBytes_;  // (bitsPerPixel * allocated width) / 8
 };
 
 }  // namespace core

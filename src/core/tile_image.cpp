@@ -10,6 +10,10 @@ namespace core {
 
 using base::ull;
 
+// Tiles between the one whose row is copied and the one whose row is fetched meanwhile: the rows of neighbouring tiles
+// are far apart in memory, so the processor does not foresee them.
+constexpr std::uint64_t kTilesFetchedAhead = 3;
+
 // Where the next part of a run stands in the caller's buffer. Whole-byte formats are handed the place itself, packed
 // ones the buffer's start and the samples to skip, as they may stop inside a byte.
 class TileImage::BufferCursor {
@@ -128,6 +132,9 @@ bool TileImage::copyRowTiles(std::uint32_t y, std::uint32_t x1, std::uint32_t x2
     if (tile == nullptr) {
       base::logger().log(ember_logger::error, "[%s] tile is nullptr!", name);
       return false;
+    }
+    if (const Tile* const later = tileManager_->tile(tileRow, tileColumn + kTilesFetchedAhead); later != nullptr) {
+      later->prefetchRow(rowInTile);
     }
     const auto begin = static_cast<std::uint32_t>(x - tileStart);
     const auto end = static_cast<std::uint32_t>(std::min(x2 - tileStart, tile->tileWidth()));

@@ -33,8 +33,8 @@ class TileManager {
 
   // The tile at (row, column) of the grid; null if there is none.
   const Tile* tile(std::uint64_t row, std::uint64_t column) const {
-    const std::uint64_t index = row * grid_->tileColCount() + column;
-    return index < tiles_.size() ? tiles_[index].get() : nullptr;
+    const bool inside = row < grid_->tileRowCount() && column < grid_->tileColCount();
+    return inside ? tiles_[row * grid_->tileColCount() + column].get() : nullptr;
   }
 
  private:

@@ -23,11 +23,16 @@ class Block {
   // Bytes of the tile.
   std::uint64_t size() const { return size_; }
 
+  // Where the bytes are if they never move, else null. For hints to the caches: an access goes through `load`.
+  const std::uint8_t* residentBytes() const { return residentBytes_; }
+
  protected:
-  explicit Block(std::uint64_t size) : size_(size) {}
+  explicit Block(std::uint64_t size, const std::uint8_t* residentBytes = nullptr)
+      : size_(size), residentBytes_(residentBytes) {}
 
  private:
   std::uint64_t size_;
+  const std::uint8_t* residentBytes_;
 };
 
 }  // namespace storage

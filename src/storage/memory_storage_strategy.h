@@ -24,7 +24,7 @@ class MemoryBlock final : public Block {
   };
   using Buffer = std::unique_ptr<std::uint8_t[], Free>;
 
-  MemoryBlock(std::uint64_t size, Buffer buffer) : Block(size), buffer_(std::move(buffer)) {}
+  MemoryBlock(std::uint64_t size, Buffer buffer) : Block(size, buffer.get()), buffer_(std::move(buffer)) {}
 
   Buffer buffer_;
 };
