@@ -6,6 +6,7 @@
 
 #include "core/pixel_format.h"
 #include "storage/tile_area.h"
+#include "storage/tile_byte_sizes.h"
 
 namespace core {
 

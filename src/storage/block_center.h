@@ -7,6 +7,7 @@
 
 #include "storage/block.h"
 #include "storage/tile_area.h"
+#include "storage/tile_byte_sizes.h"
 
 namespace storage {
 
