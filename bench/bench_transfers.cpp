@@ -48,7 +48,11 @@ Image filled(const Format& format) {
   return image;
 }
 
-void finish(benchmark::State& state, const Format& format) {
+void finish(benchmark::State& state, const Format& format, bool moved) {
+  if (!moved) {
+    state.SkipWithError("a transfer was refused");
+    return;
+  }
   const std::uint64_t bytes = std::uint64_t{format.width} * format.height * format.samples * format.bits / 8;
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes));
   state.SetLabel(std::to_string(format.width) + " x " + std::to_string(format.height) + ", " +
@@ -68,31 +72,33 @@ void memcpyRows(benchmark::State& state) {
       benchmark::ClobberMemory();
     }
   }
-  finish(state, format);
+  finish(state, format, true);
 }
 
 void getRows(benchmark::State& state) {
   const Format format = formatOf(state);
   const Image image = filled(format);
   std::vector<std::uint8_t> row(KvTileImage_GetRowScanlineSuitableBytes(image.get()));
+  bool moved = true;
   for (auto _ : state) {
     for (std::uint32_t y = 0; y < format.height; ++y) {
-      KvTileImage_GetFullRowData(image.get(), y, row.data(), row.size());
+      moved = moved && KvTileImage_GetFullRowData(image.get(), y, row.data(), row.size());
     }
   }
-  finish(state, format);
+  finish(state, format, moved);
 }
 
 void setRows(benchmark::State& state) {
   const Format format = formatOf(state);
   const Image image = filled(format);
   const std::vector<std::uint8_t> row(KvTileImage_GetRowScanlineSuitableBytes(image.get()), 0xA5);
+  bool moved = true;
   for (auto _ : state) {
     for (std::uint32_t y = 0; y < format.height; ++y) {
-      KvTileImage_SetFullRowData(image.get(), y, row.data(), row.size());
+      moved = moved && KvTileImage_SetFullRowData(image.get(), y, row.data(), row.size());
     }
   }
-  finish(state, format);
+  finish(state, format, moved);
 }
 
 // Row runs that start at pixel 3: packed formats shift every bit.
@@ -100,36 +106,39 @@ void getShiftedRows(benchmark::State& state) {
   const Format format = formatOf(state);
   const Image image = filled(format);
   std::vector<std::uint8_t> row(KvTileImage_GetRowScanlineSuitableBytes(image.get()));
+  bool moved = true;
   for (auto _ : state) {
     for (std::uint32_t y = 0; y < format.height; ++y) {
-      KvTileImage_GetRowData(image.get(), y, 3, format.width, row.data(), row.size());
+      moved = moved && KvTileImage_GetRowData(image.get(), y, 3, format.width, row.data(), row.size());
     }
   }
-  finish(state, format);
+  finish(state, format, moved);
 }
 
 void getColumns(benchmark::State& state) {
   const Format format = formatOf(state);
   const Image image = filled(format);
   std::vector<std::uint8_t> column(KvTileImage_GetColScanlineSuitableBytes(image.get()));
+  bool moved = true;
   for (auto _ : state) {
     for (std::uint32_t x = 0; x < format.width; ++x) {
-      KvTileImage_GetFullColData(image.get(), x, column.data(), column.size());
+      moved = moved && KvTileImage_GetFullColData(image.get(), x, column.data(), column.size());
     }
   }
-  finish(state, format);
+  finish(state, format, moved);
 }
 
 void setColumns(benchmark::State& state) {
   const Format format = formatOf(state);
   const Image image = filled(format);
   const std::vector<std::uint8_t> column(KvTileImage_GetColScanlineSuitableBytes(image.get()), 0xA5);
+  bool moved = true;
   for (auto _ : state) {
     for (std::uint32_t x = 0; x < format.width; ++x) {
-      KvTileImage_SetFullColData(image.get(), x, column.data(), column.size());
+      moved = moved && KvTileImage_SetFullColData(image.get(), x, column.data(), column.size());
     }
   }
-  finish(state, format);
+  finish(state, format, moved);
 }
 
 void allFormats(benchmark::internal::Benchmark* benchmark) {

@@ -136,7 +136,7 @@ void Logger::log(severity_level severity, const char* format, ...) noexcept {
     }
   }
   try {
-    Outlet::instance().deliver(severity, tag_.c_str(), message);
+    Outlet::instance().deliver(severity, tag_, message);
   } catch (const std::exception&) {  // stderr cannot be written, or no memory: there is no one left to tell
   }
 }

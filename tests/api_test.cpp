@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <string>
 #include <vector>
@@ -153,6 +154,32 @@ TEST(AllocTest, RefusesAbsurdSizes) {
     EXPECT_FALSE(log.take().empty());
   }
   KvTileImage_SetMaxMemoryStorageBytes(0x40000000);
+}
+
+// Destroyed after the library's own static objects, if they were made later.
+Image staticImage;
+
+TEST(AllocTest, LetsStaticObjectsReleaseTheirImages) {
+  EXPECT_EXIT(
+      {
+        staticImage = allocate(10, 10, 1, 8);
+        std::exit(staticImage != nullptr ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST(MessagesTest, AreErrorsOnlyUntilTheHostAsksForMore) {
+  testing::internal::CaptureStderr();
+  {
+    const Image image = allocate(10, 10, 1, 8);
+    EXPECT_EQ(KvTileImage_Alloc(0, 6, 3, 8, 1, 0), nullptr);
+  }
+  std::string output = testing::internal::GetCapturedStderr();
+  std::erase(output, '\r');
+  EXPECT_EQ(
+      output,
+      "[KvTileImage] [error] [TileImage::check] invalid args.width:0 height:6 samplesPerPixel:3 bitsPerSample:8!\n"
+      "[KvTileImage] [error] [TileImage::createNormal] create failed\n");
 }
 
 // ---- Transfer
@@ -338,6 +365,21 @@ TEST(RotationTest, RefusesOtherAngles) {
                                 "[KvTileImage_RotateAndMirror] rotateAndMirror failed!"}));
   EXPECT_EQ(KvTileImage_Rotate(source.get(), std::numeric_limits<std::int32_t>::max(), nullptr), nullptr);
   EXPECT_EQ(KvTileImage_Rotate(source.get(), std::numeric_limits<std::int32_t>::min(), nullptr), nullptr);
+}
+
+TEST(RotationTest, SaysWhichTransferFailed) {
+  LogCapture log;
+  const Image source = allocate(4, 4, 3, 4);
+  EXPECT_EQ(KvTileImage_Rotate(source.get(), 90, nullptr), nullptr);
+  // The first row goes to column 3, whose pixels start at bit 36: place 4, as do the odd rows in the buffer.
+  EXPECT_EQ(log.take(),
+            errors({"[BitTool::fillBitsEx] dstBitBeginIndex or dstBitEndIndex out range!",
+                    "[Tile::copyColData_1_2_4BitsPerSample] fill_1_2_4BitsPerSample failed",
+                    "[TileImage::copyColData_1_2_4BitsPerSample] tile copyColData failed! x:3 y1:0 y2:4 tileRowCount:1 "
+                    "tileColCount:1",
+                    "[RotateEngine::rotateAndMirror] dstImage setRowData or setColData failed!",
+                    "[KvTileImage_RotateAndMirror] rotateAndMirror failed!"}));
+  EXPECT_NE(Image(KvTileImage_Rotate(source.get(), 180, nullptr)), nullptr);
 }
 
 TEST(RotationTest, WritesNothingForAnUnknownMirrorOfTheResult) {

@@ -7,6 +7,8 @@
 #include <limits>
 #include <memory>
 #include <random>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "core/bit_tool.h"
@@ -18,6 +20,7 @@
 #include "kvtileimage/KvTileImage.h"
 #include "storage/memory_storage_strategy.h"
 #include "storage/tile_image_memory_byte_counter.h"
+#include "support/allocation_failures.h"
 #include "support/guarded_buffer.h"
 #include "support/log_capture.h"
 
@@ -35,6 +38,14 @@ using testing::Contains;
 using testing::ElementsAre;
 
 using Bytes = std::vector<std::uint8_t>;
+
+std::vector<LogLine> traceOf(std::initializer_list<const char*> texts) {
+  std::vector<LogLine> lines;
+  for (const char* text : texts) {
+    lines.push_back({ember_logger::trace, text});
+  }
+  return lines;
+}
 
 PixelFormat format(std::uint32_t samples, std::uint32_t bits) { return {samples, bits, samples * bits}; }
 
@@ -103,6 +114,11 @@ TEST(TileGridTest, GivesTheLastColumnAndRowWhatIsLeft) {
   EXPECT_EQ(grid->byteSizes().at(0, 0), 128U * 128 * 2);
   EXPECT_EQ(grid->byteSizes().at(1, 2), 48U * 128 * 2);
   EXPECT_EQ(grid->byteSizes().total(), 2U * (128 + 128 + 48) * 128 * 2);
+  const auto shortLastRow = TileGrid::forMemory(format(1, 8), 300, 130);
+  ASSERT_TRUE(shortLastRow);
+  EXPECT_EQ(shortLastRow->byteSizes().at(1, 0), 128U * 2);
+  EXPECT_EQ(shortLastRow->byteSizes().at(1, 2), 48U * 2);
+  EXPECT_EQ(shortLastRow->byteSizes().total(), (128U + 128 + 48) * 130);
 }
 
 TEST(TileGridTest, LeavesTheLastColumnsWidthBehindInLaterRows) {
@@ -170,6 +186,7 @@ TEST(TileGridTest, RefusesUnknownAccessPatternsForFiles) {
   for (const std::uint32_t operation : {0U, 4U, 0xFFFFFFFFU}) {
     EXPECT_FALSE(TileGrid::forFileMapping(format(1, 8), 100, 100, operation, 65536)) << operation;
   }
+  EXPECT_FALSE(TileGrid::forFileMapping(format(1, 8), 100, 100, KVTI_SCANLINE_OPERATION_ROW, 0));
 }
 
 TEST(TileGridTest, RefusesBitsBeyondSixtyFourBits) {
@@ -221,9 +238,11 @@ TEST(BitToolTest, RefusesRangesThatEndOutsideTheirBuffer) {
   EXPECT_FALSE(BitTool::fillBits(target.data(), 4, 0, source.data(), 3, 8, 17));
   EXPECT_FALSE(BitTool::fillBits(target.data(), 4, 1, source.data(), 4, 0, 32));
   EXPECT_FALSE(BitTool::fillBits(target.data(), 4, 0, source.data(), 4, 0, ~std::uint64_t{0}));
+  EXPECT_FALSE(BitTool::fillBits(target.data(), 4, 1, source.data(), 4, 1, ~std::uint64_t{0}));
   EXPECT_EQ(log.take(), errors({"[BitTool::fillBits] dstBitBeginIndex or dstBitEndIndex out range!",
                                 "[BitTool::fillBits] srcBitBeginIndex or srcBitEndIndex out range!",
                                 "[BitTool::fillBitsEx] dstBitBeginIndex or dstBitEndIndex out range!",
+                                "[BitTool::fillBits] dstBitBeginIndex or dstBitEndIndex out range!",
                                 "[BitTool::fillBits] dstBitBeginIndex or dstBitEndIndex out range!"}));
   EXPECT_THAT(target, ElementsAre(0, 0, 0, 0));
 }
@@ -258,10 +277,12 @@ TEST(BitToolTest, RefusesASharedPlaceInsideALaterByte) {
 }
 
 TEST(BitToolTest, MovesLessThanAByteFromAnySharedPlace) {
-  const Bytes source{0x00, 0b00010110};
-  Bytes target{0x00, 0x00};
-  EXPECT_TRUE(BitTool::fillBits(target.data(), 2, 11, source.data(), 2, 11, 5));
-  EXPECT_THAT(target, ElementsAre(0x00, 0b00010110));
+  LogCapture log;
+  const Bytes source{0x00, 0b00010110, 0xFF};
+  Bytes target{0x00, 0x00, 0x00};
+  EXPECT_TRUE(BitTool::fillBits(target.data(), 3, 11, source.data(), 3, 11, 7));
+  EXPECT_THAT(target, ElementsAre(0x00, 0b00010110, 0b11000000));
+  EXPECT_FALSE(BitTool::fillBits(target.data(), 3, 11, source.data(), 3, 11, 8));
 }
 
 bool bitOf(const Bytes& bytes, std::uint64_t bit) { return (bytes[bit / 8] >> (7 - bit % 8) & 1) != 0; }
@@ -335,8 +356,10 @@ TEST_F(TileTest, RefusesAPackedBufferThatEndsBeforeTheRun) {
   LogCapture log;
   Bytes buffer(2, 0xEE);
   EXPECT_FALSE(tile_->copyRowData(0, 0, 17, buffer.data(), 2, Direction::get, 0));
+  EXPECT_FALSE(tile_->copyRowData(0, 0, 8, buffer.data(), 2, Direction::get, 9));
   EXPECT_FALSE(tile_->copyColData(0, 0, 8, buffer.data(), 2, Direction::get, 9));
   EXPECT_EQ(log.take(), errors({"[Tile::copyRowData_1_2_4BitsPerSample] bytes < validBytes",
+                                "[Tile::copyRowData_1_2_4BitsPerSample] bytes < validBytes",
                                 "[Tile::copyColData_1_2_4BitsPerSample] bytes < validBytes"}));
   EXPECT_EQ(buffer, Bytes(2, 0xEE));
 }
@@ -385,6 +408,36 @@ TEST_F(TileTest, ReportsBlocksThatCannotBeLoaded) {
   }
 }
 
+// Counts the accesses to a block that are begun and ended.
+class CountingBlock : public storage::Block {
+ public:
+  CountingBlock() : Block(1024) {}
+  std::uint8_t* load() override {
+    ++loads;
+    return bytes_.data();
+  }
+  void release() override { ++releases; }
+  int loads = 0;
+  int releases = 0;
+
+ private:
+  Bytes bytes_ = Bytes(1024);
+};
+
+TEST_F(TileTest, EndsEachAccessThatItBegins) {
+  LogCapture log;
+  for (const std::uint32_t bits : {1U, 8U, 4U}) {
+    make(bits == 4 ? 3 : 1, bits);
+    const auto block = std::make_shared<CountingBlock>();
+    const core::Tile tile(*image_, block, {32, 8, 32});
+    Bytes buffer(64);
+    EXPECT_TRUE(tile.copyRowData(0, 0, 8, buffer.data(), 64, Direction::get, 0));
+    EXPECT_EQ(tile.copyColData(1, 0, 8, buffer.data(), 64, Direction::set, 0), bits != 4);  // 3 x 4 bits are refused
+    EXPECT_EQ(block->loads, 2);
+    EXPECT_EQ(block->releases, 2);
+  }
+}
+
 TEST_F(TileTest, StopsAPackedColumnAtTheRowThatSharesAPlaceInsideAByte) {
   make(3, 4);
   // Column 1 starts at bit 12: place 4 of a byte. Row 0 of the buffer starts at place 0, row 1 at place 4: refused.
@@ -400,14 +453,6 @@ TEST_F(TileTest, StopsAPackedColumnAtTheRowThatSharesAPlaceInsideAByte) {
 }
 
 // ---- Manager and image
-
-std::vector<LogLine> traceOf(std::initializer_list<const char*> texts) {
-  std::vector<LogLine> lines;
-  for (const char* text : texts) {
-    lines.push_back({ember_logger::trace, text});
-  }
-  return lines;
-}
 
 TEST(TileManagerTest, TracesTheGridOfAMemoryImage) {
   LogCapture log(ember_logger::trace);
@@ -472,7 +517,62 @@ TEST(TileManagerTest, RefusesBitsThatWrapAroundToFewOnes) {
                                 "[TileImage::createNormal] create failed"}));
   // 2^64 + 2^33 bits wrap to a count that fits the budget.
   EXPECT_EQ(TileImage::createNormal({0x80000000, 0x80000001, 4, 1, 1, false, 3}), nullptr);
-  EXPECT_EQ(log.take().size(), 4U);
+  EXPECT_EQ(log.take(),
+            errors({"[TileManager::postInitializeNormal] no tile grid: the image's bits must fit 64 bits and its "
+                    "scanlineOperation be 1, 2 or 3",
+                    "[TileManager::createNormal] postInitialize failed",
+                    "[TileImage::postInitializeNormal] create failed!", "[TileImage::createNormal] create failed"}));
+}
+
+TEST(TileManagerTest, TracesFourCornersThatDiffer) {
+  LogCapture log(ember_logger::trace);
+  const auto image = TileImage::createNormal({140, 130, 1, 16, 1, false, 3});
+  ASSERT_NE(image, nullptr);
+  const auto lines = log.take();
+  const auto expected =
+      traceOf({"[TileManager::postInitializeNormal] [0][0]: tileWidth: 128 tileHeight: 128 bytes: 32768 ",
+               "[TileManager::postInitializeNormal] [0][last]: tileWidth: 16 tileHeight: 128 bytes: 4096 ",
+               "[TileManager::postInitializeNormal] [last][0]: tileWidth: 128 tileHeight: 2 bytes: 512 ",
+               "[TileManager::postInitializeNormal] [last][last]: tileWidth: 16 tileHeight: 2 bytes: 64 "});
+  EXPECT_THAT(lines, testing::IsSupersetOf(expected));
+  EXPECT_THAT(lines, Contains(LogLine{ember_logger::trace, "[TileManager::postInitializeNormal] sumBytes_:37440"}));
+}
+
+TEST(TileManagerTest, FailsCleanlyWhicheverAllocationFails) {
+  const auto counter = storage::TileImageMemoryByteCounter::instance();
+  const std::uint64_t before = counter->usedBytes();
+  std::set<std::string> seen;
+  std::unique_ptr<TileImage> image;
+  for (long n = 1; image == nullptr; ++n) {
+    ASSERT_LT(n, 1000);
+    LogCapture log;
+    support::failAllocation(n);
+    image = TileImage::createNormal({300, 300, 1, 8, 1, false, 3});
+    support::failAllocation(0);
+    if (image == nullptr) {
+      EXPECT_EQ(counter->usedBytes(), before) << n;
+      for (const auto& line : log.take()) {
+        seen.insert(line.text);
+      }
+    }
+  }
+  EXPECT_EQ(counter->usedBytes(), before + 300 * 304);
+  for (const char* text :
+       {"[TileImage::createNormal] create failed", "[TileImage::postInitializeNormal] throw exception:std::bad_alloc!",
+        "[MemoryStorageStrategy::postInitialize] postInitialize failed [reason: exception - std::bad_alloc]",
+        "[TileManager::postInitializeNormal] blockCenter_ create failed", "[Tile::create] create failed",
+        "[TileManager::initTiles] tile create failed", "[TileManager::postInitializeNormal] init tiles failed",
+        "[TileManager::createNormal] postInitialize failed"}) {
+    EXPECT_TRUE(seen.contains(text)) << text;
+  }
+}
+
+TEST(TileManagerTest, TracesImagesThatTheBudgetSendsToFiles) {
+  LogCapture log(ember_logger::trace);
+  EXPECT_EQ(TileImage::createNormal({20000, 20000, 1, 8, 1, false, 3}), nullptr);
+  EXPECT_THAT(log.take(), Contains(LogLine{ember_logger::trace,
+                                           "[TileManager::postInitializeNormal] use file mapping "
+                                           "[bForceUseFileMapping:0]"}));
 }
 
 // A budget of the test's own, with `used` bytes taken by images that do not exist.

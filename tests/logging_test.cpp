@@ -95,6 +95,7 @@ TEST(LoggerTest, HandsTagMessageAndUserToTheSink) {
         static_cast<std::vector<Received>*>(user)->push_back({severity, tag, message});
       },
       &received);
+  EmberLogger_SetLevel(ember_logger::trace);
   Logger logger = makeLogger("Tag", ember_logger::trace);
   logger.log(ember_logger::warning, "[%s] %u of %llu at %d%% in %p-free text", "Class::function", 7U, 1ULL << 40, -3,
              nullptr);

@@ -145,6 +145,8 @@ TEST(ScanlineReverseToolTest, RunsTheFourBitPassOverPackedTwoBitSamples) {
   // The second pass takes four bits of each sample: 0xDC | 0xFD.
   EXPECT_THAT(packed({0xF, 0xD, 0x7}, 2, 1), ElementsAre(0xFD));
   EXPECT_THAT(packed({0, 0, 0, 0, 0, 0, 0, 0}, 2, 2), ElementsAre(0, 0));
+  // It ends with the packed bytes, not with the target: 0x7E as above.
+  EXPECT_THAT(packed({1, 2, 3, 0}, 2, 3), ElementsAre(0x7E, 0, 0));
 }
 
 TEST(ScanlineReverseToolTest, RefusesToPackBetweenBuffersThatAreTooSmall) {

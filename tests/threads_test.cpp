@@ -82,8 +82,9 @@ TEST(ThreadsTest, CreateTurnAndReleaseImagesOfTheirOwn) {
     }
   });
   EXPECT_EQ(turned, static_cast<int>(kThreads * 30));
-  // All budget is free again: an image of nearly the whole of it fits.
-  EXPECT_NE(support::allocate(13000, 10000, 1, 8), nullptr);
+  // All budget is free again: an image whose bits are 32,768 less than 1 GiB fits, which leaves no room for 33,000
+  // bytes.
+  EXPECT_NE(support::allocate(32767, 32768, 1, 1), nullptr);
 }
 
 }  // namespace

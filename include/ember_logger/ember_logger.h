@@ -37,8 +37,10 @@ extern "C" {
  *   message    the finished text, UTF-8, without prefix and line end
  *   user       the pointer given to EmberLogger_SetSink
  * The texts belong to the logger and are valid during the call only. Called on the thread that logs, before the logging
- * call returns, one call at a time in the whole process. What a sink throws is dropped; what it logs itself, on its
- * own thread, goes to stderr. */
+ * call returns, one call at a time in the whole process. What a sink logs itself, on its own thread, goes to stderr. It
+ * must return, and must not wait for another thread that logs or calls EmberLogger_SetSink: that thread waits for it.
+ * A C++ exception that leaves the sink is dropped if the sink is built with this library's compiler; with another one
+ * it must not leave. */
 typedef void (*EmberLogger_Sink)(int severity, const char* tag, const char* message, void* user);
 
 /* Sends all messages to `sink`; null sends them to stderr again. When it returns, the sink that was set before is no
@@ -53,7 +55,6 @@ EMBER_LOGGER_API void EmberLogger_SetLevel(int severity);
 }
 
 #include <cstdint>
-#include <string>
 
 namespace ember_logger {
 
@@ -62,9 +63,10 @@ enum severity_level : int { trace = 0, debug = 1, info = 2, warning = 3, error =
 /* One library's way to the process's messages. Loggers may be used from any thread. */
 class EMBER_LOGGER_API Logger {
  public:
-  /* `tag` goes with each message; messages below `level` are dropped until EmberLogger_SetLevel says otherwise. The
-   * arguments without a name are reserved for targets other than stderr and have no effect: pass what the library
-   * passes, (null, level, false, false, false, true, 0x100000, null, null, null). */
+  /* `tag`, which outlives the logger, goes with each message; null is the empty text. Messages below `level` are
+   * dropped until EmberLogger_SetLevel says otherwise. The arguments without a name are reserved for targets other than
+   * stderr and have no effect: pass what the library passes, (null, level, false, false, false, true, 0x100000, null,
+   * null, null). */
   Logger(const char* tag, const char*, int level, bool, bool, bool, bool, std::uint32_t, const char*, const char*,
          const char*);
   ~Logger();
@@ -77,7 +79,7 @@ class EMBER_LOGGER_API Logger {
   void log(severity_level severity, const char* format, ...) noexcept;
 
  private:
-  std::string tag_;
+  const char* tag_;
   int level_;
 };
 

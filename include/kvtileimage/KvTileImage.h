@@ -1,6 +1,6 @@
 /* KvTileImage: raster images larger than memory, held as tiles, read and written by rows, columns and pixels.
  *
- * Plain C (C99 and later), also valid C++.
+ * Plain C (C99 and later), also valid C++ (C++11 and later).
  *
  * Handles. An allocating function returns a handle that the caller owns and gives back, once, with
  * KvTileImage_Unload. Every function accepts a null handle and then returns its failure value.
@@ -21,8 +21,8 @@
  * Coordinates are pixels, x to the right and y downwards from 0; ranges are half-open: [begin, end).
  *
  * Threads. Functions may be called from any thread. Threads may read and write one image at the same time as long as
- * no two of them write the same pixels, or packed pixels that share a byte. Unloading an image must not overlap any
- * other use of it.
+ * none writes pixels that another reads or writes, packed pixels that share a byte included. Setting the resolution
+ * must not overlap other uses of it, and unloading an image no other use of the image.
  */
 #ifndef KVTILEIMAGE_KVTILEIMAGE_H
 #define KVTILEIMAGE_KVTILEIMAGE_H
@@ -47,8 +47,9 @@ extern "C" {
 typedef struct TileImageHandle TileImageHandle;
 
 /* Called after each row of a rotation or mirroring: `index` is the row just done, ascending from 0, `count` the number
- * of rows. Runs on the thread that called the library. A C++ callback may throw to stop the work: the function that
- * was called then fails as it does for any other reason (the exception ends there). */
+ * of rows. Runs on the thread that called the library. It must return: no longjmp, no end of the thread. A C++ callback
+ * that is built with the library's own compiler (GCC or Clang on Linux, MinGW-w64 on Windows) may throw to stop the
+ * work: the exception ends in the library, and the function that was called fails. */
 typedef void (*KvTileImage_ProgressCallback)(uint32_t index, uint32_t count);
 
 /* How the image will mostly be accessed; shapes the tiles of images that are kept in files. */
@@ -82,8 +83,9 @@ KVTILEIMAGE_API void KvTileImage_VersionString(const char** out) KVTILEIMAGE_NOE
  *
  * A new image is kept in heap memory when its size in BITS (width * height * bitsPerPixel) is less than the budget
  * minus the bytes that live heap images use; an image of at most 8192 bits as long as they use less than twice the
- * budget. With the initial budget this keeps images up to 128 MiB in memory. To keep an image of n bytes there, set a
- * budget of more than 8 * n plus the bytes in use. */
+ * budget. With the initial budget this keeps pixels of up to 128 MiB in memory. To keep pixels of n bytes there, set a
+ * budget of more than 8 * n plus the bytes in use. The tiles of an image count and take a little more than its pixels:
+ * the width is rounded up to a multiple of 8. */
 KVTILEIMAGE_API void KvTileImage_SetMaxMemoryStorageBytes(uint64_t bytes) KVTILEIMAGE_NOEXCEPT;
 
 /* ---- Allocation and release ------------------------------------------------------------------------------------- */
@@ -93,8 +95,8 @@ KVTILEIMAGE_API void KvTileImage_SetMaxMemoryStorageBytes(uint64_t bytes) KVTILE
  *   bForceUseFileMapping   not 0: do not keep the image in heap memory, whatever the budget says
  *   scanlineOperation      KVTI_SCANLINE_OPERATION_ROW, _COL or _ROWCOL; looked at for images kept in files only
  * Returns the image, or null if one of the four sizes is 0, if their product does not fit 64 bits, or if the storage
- * cannot be had. This release keeps images in heap memory only: an image beyond the budget, or with
- * bForceUseFileMapping set, is refused. */
+ * cannot be had; an image beyond the machine's memory and swap space is refused at once. This release keeps images in
+ * heap memory only: an image beyond the budget, or with bForceUseFileMapping set, is refused. */
 KVTILEIMAGE_API TileImageHandle* KvTileImage_AllocEx(uint32_t width, uint32_t height, uint32_t samplesPerPixel,
                                                      uint32_t bitsPerSample, uint32_t sampleformat,
                                                      uint8_t bForceUseFileMapping,
@@ -148,12 +150,11 @@ KVTILEIMAGE_API uint64_t KvTileImage_GetColScanlineSuitableBytes(const TileImage
  * holds `bufferBytes` bytes, at least as many as the run occupies; bytes behind the run are neither read nor written.
  *
  * False, with a logged reason, if the handle or the buffer is null, the run is empty or reaches outside the image, or
- * the buffer is too small; nothing is copied then. A run that fails in a later tile leaves what the earlier tiles
- * received.
+ * the buffer is too small; nothing is copied then.
  *
- * Columns of packed formats with pixels of 8 bits and more (for example 3 x 4 bits): where the pixel's place in its
- * tile row and its place in the buffer start at the same, non-zero bit of a byte, the transfer fails. Rows and single
- * pixels have no such limit. */
+ * Columns of packed formats with pixels of 8 bits and more (for example 3 x 4 bits) fail at the first pixel whose bits
+ * start at the same place inside a byte in the image row and in the buffer, the first bit of a byte aside; the pixels
+ * before it have been copied. Rows and single pixels have no such limit. */
 
 /* The pixel at (x, y). */
 KVTILEIMAGE_API bool KvTileImage_GetPixelData(TileImageHandle* image, uint32_t x, uint32_t y, uint8_t* buffer,
@@ -205,11 +206,13 @@ KVTILEIMAGE_API uint64_t KvTileImage_ComputeScaledPixelCount(uint64_t count, dou
  * `progress` may be null; it is called once for each row of the source.
  *
  * Two packed layouts have limits that callers rely on and that therefore stay:
- *  - 2 bits per sample: results that need rows reversed (a horizontal mirror, 180 degrees, 270 degrees, 90 degrees with
- *    a vertical mirror of the result) come back with altered samples, because the packing of 2-bit rows adds a
- *    second, 4-bit pass over the same bytes. Convert to 8 bits first.
+ *  - 2 bits per sample: where the pixels of a source row come to stand in the opposite order (a horizontal mirror, 180
+ *    and 270 degrees without mirroring, for example), samples that are not 0 come back altered, because the packing of
+ *    2-bit rows adds a second, 4-bit pass over the same bytes.
  *  - pixels of 8 bits and more that do not start on whole bytes (for example 3 x 4 bits): 90 and 270 degrees fail where
- *    the column transfer does. Convert to 8 bits first. */
+ *    the column transfer does.
+ * A caller that needs these turns keeps a byte per sample in the image and packs rows when it reads them. Rows with
+ * more than 65,535 samples, bits per sample or bytes per pixel cannot be reversed: null. */
 KVTILEIMAGE_API TileImageHandle* KvTileImage_RotateAndMirror(
     TileImageHandle* image, int32_t rotation, uint32_t mirror, bool mirrorAfterRotation,
     KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;

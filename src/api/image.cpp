@@ -24,35 +24,35 @@ TileImageHandle* KvTileImage_Alloc(uint32_t width, uint32_t height, uint32_t sam
 void KvTileImage_Unload(TileImageHandle* image) noexcept { delete image; }
 
 uint32_t KvTileImage_GetWidth(const TileImageHandle* image) noexcept {
-  return api::ask(image, 0U, [](const TileImage& it) { return it.width(); });
+  return api::withImage(image, 0U, [](const TileImage& it) { return it.width(); });
 }
 
 uint32_t KvTileImage_GetHeight(const TileImageHandle* image) noexcept {
-  return api::ask(image, 0U, [](const TileImage& it) { return it.height(); });
+  return api::withImage(image, 0U, [](const TileImage& it) { return it.height(); });
 }
 
 uint32_t KvTileImage_GetSamplesPerPixel(const TileImageHandle* image) noexcept {
-  return api::ask(image, 0U, [](const TileImage& it) { return it.format().samplesPerPixel; });
+  return api::withImage(image, 0U, [](const TileImage& it) { return it.format().samplesPerPixel; });
 }
 
 uint32_t KvTileImage_GetBitsPerSample(const TileImageHandle* image) noexcept {
-  return api::ask(image, 0U, [](const TileImage& it) { return it.format().bitsPerSample; });
+  return api::withImage(image, 0U, [](const TileImage& it) { return it.format().bitsPerSample; });
 }
 
 uint32_t KvTileImage_GetBitsPerPixel(const TileImageHandle* image) noexcept {
-  return api::ask(image, 0U, [](const TileImage& it) { return it.format().bitsPerPixel; });
+  return api::withImage(image, 0U, [](const TileImage& it) { return it.format().bitsPerPixel; });
 }
 
 uint32_t KvTileImage_GetSampleformat(const TileImageHandle* image) noexcept {
-  return api::ask(image, KVTI_SAMPLEFORMAT_UNSET, [](const TileImage& it) { return it.sampleformat(); });
+  return api::withImage(image, KVTI_SAMPLEFORMAT_UNSET, [](const TileImage& it) { return it.sampleformat(); });
 }
 
 float KvTileImage_GetDpiX(const TileImageHandle* image) noexcept {
-  return api::ask(image, 0.0F, [](const TileImage& it) { return it.dpiX(); });
+  return api::withImage(image, 0.0F, [](const TileImage& it) { return it.dpiX(); });
 }
 
 float KvTileImage_GetDpiY(const TileImageHandle* image) noexcept {
-  return api::ask(image, 0.0F, [](const TileImage& it) { return it.dpiY(); });
+  return api::withImage(image, 0.0F, [](const TileImage& it) { return it.dpiY(); });
 }
 
 void KvTileImage_SetDpiX(TileImageHandle* image, float dpi) noexcept {
@@ -68,17 +68,17 @@ void KvTileImage_SetDpiY(TileImageHandle* image, float dpi) noexcept {
 }
 
 uint64_t KvTileImage_GetRowScanlineStrideBytes(const TileImageHandle* image) noexcept {
-  return api::ask(image, uint64_t{0}, [](const TileImage& it) { return it.format().strideBytes(it.width()); });
+  return api::withImage(image, uint64_t{0}, [](const TileImage& it) { return it.format().strideBytes(it.width()); });
 }
 
 uint64_t KvTileImage_GetColScanlineStrideBytes(const TileImageHandle* image) noexcept {
-  return api::ask(image, uint64_t{0}, [](const TileImage& it) { return it.format().strideBytes(it.height()); });
+  return api::withImage(image, uint64_t{0}, [](const TileImage& it) { return it.format().strideBytes(it.height()); });
 }
 
 uint64_t KvTileImage_GetRowScanlineSuitableBytes(const TileImageHandle* image) noexcept {
-  return api::ask(image, uint64_t{0}, [](const TileImage& it) { return it.format().suitableBytes(it.width()); });
+  return api::withImage(image, uint64_t{0}, [](const TileImage& it) { return it.format().suitableBytes(it.width()); });
 }
 
 uint64_t KvTileImage_GetColScanlineSuitableBytes(const TileImageHandle* image) noexcept {
-  return api::ask(image, uint64_t{0}, [](const TileImage& it) { return it.format().suitableBytes(it.height()); });
+  return api::withImage(image, uint64_t{0}, [](const TileImage& it) { return it.format().suitableBytes(it.height()); });
 }

@@ -21,7 +21,7 @@ std::unique_ptr<TileImage> allocateResult(const TileImage& source, uint32_t rota
 
 TileImageHandle* KvTileImage_RotateAndMirror(TileImageHandle* image, int32_t rotation, uint32_t mirror,
                                              bool mirrorAfterRotation, KvTileImage_ProgressCallback progress) noexcept {
-  return api::ask(image, static_cast<TileImageHandle*>(nullptr), [&](TileImage& source) -> TileImageHandle* {
+  return api::withImage(image, static_cast<TileImageHandle*>(nullptr), [&](TileImage& source) -> TileImageHandle* {
     const uint32_t angle = RotateEngine::normalizeRotation(rotation);
     auto result = allocateResult(source, angle);
     if (result == nullptr) {

@@ -18,17 +18,17 @@ inline TileImageHandle* wrap(std::unique_ptr<core::TileImage> image) {
   return image == nullptr ? nullptr : new (std::nothrow) TileImageHandle{std::move(image)};
 }
 
-// What `query` returns for the handle's image, or `empty` without one, or if an exception escapes: none crosses the
-// exported interface.
-template <class Handle, class Result, class Query>
-Result ask(Handle* handle, Result empty, Query&& query) noexcept {
+// What `action` returns for the handle's image, or `onFailure` without one, or if an exception escapes: none crosses
+// the exported interface.
+template <class Handle, class Result, class Action>
+Result withImage(Handle* handle, Result onFailure, Action&& action) noexcept {
   if (handle == nullptr || handle->image == nullptr) {
-    return empty;
+    return onFailure;
   }
   try {
-    return query(*handle->image);
+    return action(*handle->image);
   } catch (...) {
-    return empty;
+    return onFailure;
   }
 }
 

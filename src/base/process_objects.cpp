@@ -3,6 +3,7 @@
 
 #include "base/log.h"
 #include "base/process_values.h"
+#include "platform/process_start.h"
 #include "platform/system_info.h"
 
 namespace base {
@@ -10,6 +11,7 @@ namespace {
 
 constexpr std::uint32_t kReservedLogBytes = 0x100000;
 
+[[maybe_unused]] const bool processPrepared = platform::prepareProcess();
 const std::uint32_t processorsAtLoad = platform::processorCount();
 const std::uint64_t granularityAtLoad = platform::allocationGranularity();
 ember_logger::Logger processLogger("KvTileImage", nullptr, ember_logger::error, false, false, false, true,

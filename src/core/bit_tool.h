@@ -15,8 +15,8 @@ class BitTool {
   static bool fillBitsEx(std::uint8_t* dst, std::uint64_t dstBytes, std::uint64_t dstBitBegin, const std::uint8_t* src,
                          std::uint64_t srcBytes, std::uint64_t srcBitBegin, std::uint64_t bitCount);
 
-  // The copy that the tiles use. As fillBitsEx, but a range of 8 bits and more whose begins share a place inside their
-  // bytes, other than the first, must lie in the first byte of each buffer, else the copy fails.
+  // The copy that the tiles use. As fillBitsEx, but ranges of 8 bits and more that begin at the same place inside their
+  // bytes, the first place aside, must begin in the first byte of their buffers, else the copy fails.
   static bool fillBits(std::uint8_t* dst, std::uint64_t dstBytes, std::uint64_t dstBitBegin, const std::uint8_t* src,
                        std::uint64_t srcBytes, std::uint64_t srcBitBegin, std::uint64_t bitCount);
 };

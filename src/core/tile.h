@@ -1,6 +1,7 @@
 // One rectangle of an image's tile grid.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 
@@ -37,11 +38,12 @@ class Tile {
   bool copyColData(std::uint32_t colInTile, std::uint32_t y1, std::uint32_t y2, std::uint8_t* buffer,
                    std::uint64_t bufferBytes, Direction direction, std::uint64_t sampleOffset) const;
 
-  // Has the caches fetch tile row `rowInTile`, where the block's bytes stay in one place: a copy of it that comes soon
-  // then waits less for memory.
+  // Has the caches fetch the beginning of tile row `rowInTile`, where the block's bytes stay in one place: a copy that
+  // comes soon then waits less for memory. The processor sees the rest of a longer row coming by itself.
   void prefetchRow(std::uint32_t rowInTile) const {
+    constexpr std::uint64_t kBytesFetched = 1024;
     if (block_->residentBytes() != nullptr) {
-      platform::prefetch(block_->residentBytes() + rowInTile * rowBytes_, rowBytes_);
+      platform::prefetch(block_->residentBytes() + rowInTile * rowBytes_, std::min(rowBytes_, kBytesFetched));
     }
   }
 

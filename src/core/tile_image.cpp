@@ -133,8 +133,8 @@ bool TileImage::copyRowTiles(std::uint32_t y, std::uint32_t x1, std::uint32_t x2
       base::logger().log(ember_logger::error, "[%s] tile is nullptr!", name);
       return false;
     }
-    if (const Tile* const later = tileManager_->tile(tileRow, tileColumn + kTilesFetchedAhead); later != nullptr) {
-      later->prefetchRow(rowInTile);
+    if ((tileColumn + kTilesFetchedAhead) * grid.tileBaseWidth() < x2) {
+      tileManager_->tile(tileRow, tileColumn + kTilesFetchedAhead)->prefetchRow(rowInTile);
     }
     const auto begin = static_cast<std::uint32_t>(x - tileStart);
     const auto end = static_cast<std::uint32_t>(std::min(x2 - tileStart, tile->tileWidth()));

@@ -6,12 +6,13 @@
 
 namespace rotate {
 
-// A scanline holds its pixels one after another, as the buffers of the exported functions do. All operations return
-// false, with a logged reason unless said otherwise, before they write anything. Nothing is thrown.
+// A scanline holds its pixels one after another, as the buffers of the exported functions do. All operations check
+// before they write and return false, with a logged reason unless said otherwise, if they cannot go on. Nothing is
+// thrown.
 class ScanlineReverseTool {
  public:
   // Reverses the order of the first `pixelCount` pixels in place; the bytes of a pixel keep their order. For pixels of
-  // whole bytes, at most 65,535 of them. False if `bufferBytes` is less than the pixels take.
+  // whole bytes, at most 65,535 bytes each. False if `bufferBytes` is less than the pixels take.
   static bool reverseScanline_8multiple_BitsPerSample(std::uint8_t* buffer, std::uint64_t bufferBytes,
                                                       std::uint16_t samplesPerPixel, std::uint16_t bitsPerSample,
                                                       std::uint32_t pixelCount);

@@ -38,8 +38,9 @@ class BlockCenter {
     std::vector<std::vector<std::shared_ptr<Block>>> blocks_;  // [tile row][tile column]
   };
 
-  // Makes the storage for tiles of the given sizes, in heap memory if `useMemory`. Null, with a logged reason, if it
-  // cannot be had. Files are not offered yet: null without `useMemory`.
+  // Makes the storage for tiles of the given sizes in heap memory. Null, with a logged reason, if it cannot be had;
+  // more than the machine's memory and swap space is refused at once. Without `useMemory` null: files are not offered
+  // yet.
   static std::shared_ptr<BlockCenter> create(const TileByteSizes& tileByteSizes, bool useMemory);
 
   explicit BlockCenter(std::shared_ptr<IStorageStrategy> storage) : storage_(std::move(storage)) {}

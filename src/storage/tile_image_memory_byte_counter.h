@@ -16,9 +16,11 @@ class TileImageMemoryByteCounter {
   static constexpr std::uint64_t kMinimumMaxBytes = 0x4000000;
   static constexpr std::uint64_t kSmallImageThreshold = 8192;
 
-  // The process's counter, made on first use.
+  // The process's counter, made on first use. It is there until the process ends: a host's static objects may release
+  // their images after this library's static objects are gone.
   static std::shared_ptr<TileImageMemoryByteCounter> instance() {
-    static const auto counter = std::make_shared<TileImageMemoryByteCounter>();
+    using Shared = std::shared_ptr<TileImageMemoryByteCounter>;
+    static const Shared& counter = *new Shared(std::make_shared<TileImageMemoryByteCounter>());
     return counter;
   }
 

@@ -1,14 +1,43 @@
-// Lets allocations of absurd sizes fail under AddressSanitizer as they do without it, where it would end the process:
-// malloc and calloc return null, operator new throws.
-#include <cstddef>
+// Replaces operator new: allocations fail where a test says so, and those of absurd sizes always (under
+// AddressSanitizer, too, whose own operator new would end the process; malloc and calloc are told to return null).
+#include "support/allocation_failures.h"
+
+#include <atomic>
 #include <cstdlib>
 #include <new>
+
+namespace {
+
+constexpr std::size_t kMoreThanAnyMachineHas = std::size_t{1} << 46;
+
+std::atomic<long> callsUntilFailure{0};
+std::atomic<bool> failed{false};
+
+bool failsNow() {
+  if (callsUntilFailure <= 0 || --callsUntilFailure != 0) {
+    return false;
+  }
+  failed = true;
+  return true;
+}
+
+}  // namespace
+
+namespace support {
+
+void failAllocation(long n) {
+  failed = false;
+  callsUntilFailure = n;
+}
+
+bool allocationHasFailed() { return failed; }
+
+}  // namespace support
 
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  constexpr std::size_t kMoreThanAnyMachineHas = std::size_t{1} << 46;
-  return size < kMoreThanAnyMachineHas ? std::malloc(size == 0 ? 1 : size) : nullptr;
+  return size < kMoreThanAnyMachineHas && !failsNow() ? std::malloc(size == 0 ? 1 : size) : nullptr;
 }
 
 void* operator new(std::size_t size) {

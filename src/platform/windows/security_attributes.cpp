@@ -18,11 +18,10 @@ struct PermissiveSecurity {
   bool ready = false;
 };
 
-const PermissiveSecurity permissiveSecurity;
-
 }  // namespace
 
 const SECURITY_ATTRIBUTES* permissiveSecurityAttributes() noexcept {
+  static const PermissiveSecurity permissiveSecurity;
   return permissiveSecurity.ready ? &permissiveSecurity.attributes : nullptr;
 }
 
