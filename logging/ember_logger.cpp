@@ -111,8 +111,6 @@ Logger::Logger(const char* tag, const char*, int level, bool, bool, bool, bool, 
                const char*)
     : tag_(tag == nullptr ? "" : tag), level_(level) {}
 
-Logger::~Logger() = default;
-
 void Logger::log(severity_level severity, const char* format, ...) noexcept {
   const int common = commonLevel;
   if (severity < (common == kNoCommonLevel ? level_ : common)) {

@@ -69,7 +69,6 @@ class EMBER_LOGGER_API Logger {
    * null, null). */
   Logger(const char* tag, const char*, int level, bool, bool, bool, bool, std::uint32_t, const char*, const char*,
          const char*);
-  ~Logger();
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 

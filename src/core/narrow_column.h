@@ -26,19 +26,22 @@ class NarrowColumn {
   // other bits are 0.
   std::uint64_t read(std::uint32_t row, std::uint32_t count) const {
     std::uint64_t word = 0;
+    std::uint32_t place = 64;
     const std::uint8_t* byte = first_ + row * rowBytes_;
     if (spansTwoBytes()) {
       const std::uint32_t shift = 16 - phase_ - bits_;
       for (std::uint32_t i = 0; i < count; ++i, byte += rowBytes_) {
-        word = word << bits_ | ((static_cast<std::uint32_t>(byte[0]) << 8 | byte[1]) >> shift & mask_);
+        place -= bits_;
+        word |= std::uint64_t{(static_cast<std::uint32_t>(byte[0]) << 8 | byte[1]) >> shift & mask_} << place;
       }
     } else {
       const std::uint32_t shift = 8 - phase_ - bits_;
       for (std::uint32_t i = 0; i < count; ++i, byte += rowBytes_) {
-        word = word << bits_ | (static_cast<std::uint32_t>(*byte) >> shift & mask_);
+        place -= bits_;
+        word |= std::uint64_t{static_cast<std::uint32_t>(*byte) >> shift & mask_} << place;
       }
     }
-    return word << (64 - count * bits_);
+    return word;
   }
 
   // Writes rows [row, row + count) from a word as `read` gives it; the neighbours' bits stay.

@@ -1,0 +1,182 @@
+// What the program says and returns for command lines right and wrong.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+#include "support/moves.h"
+#include "support/pngs.h"
+#include "support/sandbox.h"
+
+namespace {
+
+using support::pattern;
+using support::Raster;
+using support::Result;
+using support::Sandbox;
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+class CommandLineTest : public testing::Test {
+ protected:
+  CommandLineTest() { support::writePng(sandbox_.path("in.png"), support::pngOf(source_)); }
+
+  // Wrong usage: status 2, one line, nothing made.
+  std::string wrongUsage(const std::vector<std::string>& arguments) {
+    const Result result = sandbox_.kvtile(arguments);
+    EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    EXPECT_THAT(result.err, AllOf(StartsWith("kvtile: "), EndsWith("\n")));
+    EXPECT_THAT(sandbox_.names(), testing::ElementsAre("in.png"));
+    return result.err;
+  }
+
+  // `arguments` make out.png, which shows `expected`.
+  void expectMade(const std::vector<std::string>& arguments, const Raster& expected) {
+    SCOPED_TRACE(testing::PrintToString(arguments));
+    const Result result = sandbox_.kvtile(arguments);
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(difference(expected, support::readPng(sandbox_.path("out.png")).raster), "");
+    ASSERT_EQ(std::remove(sandbox_.path("out.png").c_str()), 0);
+  }
+
+  Sandbox sandbox_;
+  Raster source_ = pattern(12, 7, 3, 8);
+};
+
+TEST_F(CommandLineTest, TakesEveryMultipleOf90) {
+  expectMade({"rotate", "0", "in.png", "out.png"}, source_);
+  expectMade({"rotate", "360", "in.png", "out.png"}, source_);
+  expectMade({"rotate", "-360", "in.png", "out.png"}, source_);
+  expectMade({"rotate", "90", "in.png", "out.png"}, rotated90(source_));
+  expectMade({"rotate", "+90", "in.png", "out.png"}, rotated90(source_));
+  expectMade({"rotate", "-270", "in.png", "out.png"}, rotated90(source_));
+  expectMade({"rotate", "450", "in.png", "out.png"}, rotated90(source_));
+  expectMade({"rotate", "-180", "in.png", "out.png"}, rotated180(source_));
+  expectMade({"rotate", "-90", "in.png", "out.png"}, rotated270(source_));
+  expectMade({"rotate", "--", "-90", "in.png", "out.png"}, rotated270(source_));
+  expectMade({"rotate", "36000000000000000000000000000000270", "in.png", "out.png"}, rotated270(source_));
+}
+
+TEST_F(CommandLineTest, TakesOptionsInEveryPlace) {
+  const Raster turned = rotated90(source_);
+  expectMade({"rotate", "90", "in.png", "out.png", "--force", "--budget", "64M"}, turned);
+  expectMade({"rotate", "--force", "--budget", "64M", "90", "in.png", "out.png"}, turned);
+  expectMade({"--force", "--budget", "64M", "rotate", "90", "in.png", "out.png"}, turned);
+  expectMade({"rotate", "90", "--budget=2g", "in.png", "--quiet", "out.png"}, turned);
+  expectMade({"rotate", "-q", "90", "in.png", "out.png", "-f"}, turned);
+}
+
+TEST_F(CommandLineTest, TakesNamesThatLookLikeNumbers) {
+  support::writePng(sandbox_.path("-5.png"), support::pngOf(source_));
+  const Result result = sandbox_.kvtile({"rotate", "-90", "-5.png", "-6.png"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(difference(rotated270(source_), support::readPng(sandbox_.path("-6.png")).raster), "");
+}
+
+TEST_F(CommandLineTest, TakesExtensionsInAnyCase) {
+  for (const char* name : {"OUT.PNG", "out.Tif", "out.TIFF"}) {
+    EXPECT_EQ(sandbox_.kvtile({"convert", "in.png", name}).status, 0) << name;
+    EXPECT_EQ(sandbox_.differingPixels("in.png", name), 0);
+  }
+}
+
+TEST_F(CommandLineTest, RefusesOtherAngles) {
+  for (const std::string angle : {"45", "-91", "ninety", "90.0", "", "-", "0x5a", "9 0"}) {
+    EXPECT_EQ(wrongUsage({"rotate", angle, "in.png", "out.png"})
+                  .find("kvtile: ANGLE: '" + angle +
+                        "' is no angle: "
+                        "allowed are whole multiples of 90"),
+              0U)
+        << angle;
+  }
+}
+
+TEST_F(CommandLineTest, RefusesOtherSizes) {
+  for (const std::string size : {"", "0", "M", "12X", "1.5G", "-5", "99999999999999999999", "99999999999T", "1GG"}) {
+    EXPECT_THAT(wrongUsage({"rotate", "90", "in.png", "out.png", "--budget=" + size}), HasSubstr("--budget"));
+  }
+}
+
+TEST_F(CommandLineTest, RefusesWhatIsMissingOrTooMuch) {
+  EXPECT_THAT(wrongUsage({"bogus"}), HasSubstr("'bogus' is no command"));
+  EXPECT_THAT(wrongUsage({"--bogus"}), HasSubstr("no option --bogus"));
+  EXPECT_THAT(wrongUsage({"info"}), HasSubstr("FILE is required"));
+  EXPECT_THAT(wrongUsage({"convert", "in.png"}), HasSubstr("OUT is required; see 'kvtile convert --help'"));
+  EXPECT_THAT(wrongUsage({"rotate", "90", "in.png", "out.png", "more"}), HasSubstr("more"));
+  EXPECT_THAT(wrongUsage({"rotate", "90", "--bogus", "in.png", "out.png"}), HasSubstr("--bogus"));
+  EXPECT_THAT(wrongUsage({"mirror", "sideways", "in.png", "out.png"}),
+              HasSubstr("'sideways' is no direction: allowed are horizontal and vertical"));
+}
+
+TEST_F(CommandLineTest, RefusesUnknownExtensions) {
+  for (const std::string name : {"out.gif", "out", "out.png.gz", ".png"}) {
+    EXPECT_EQ(wrongUsage({"convert", "in.png", name}),
+              "kvtile: " + name + ": its extension tells no format; end the name in .png, .tif or .tiff\n");
+  }
+}
+
+TEST_F(CommandLineTest, ShowsItsHelpWhenCalledWithoutAnything) {
+  const Result result = sandbox_.kvtile({});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, HasSubstr("Usage: kvtile"));
+}
+
+TEST_F(CommandLineTest, HelpNamesEveryOptionAndGivesExamples) {
+  const Result all = sandbox_.kvtile({"--help"});
+  EXPECT_EQ(all.status, 0);
+  EXPECT_EQ(all.err, "");
+  for (const char* word : {"info", "convert", "rotate", "mirror", "--budget", "--verbose", "--quiet", "--force",
+                           "--to-8bit", "--version", "Examples:"}) {
+    EXPECT_THAT(all.out, HasSubstr(word));
+  }
+  for (const char* command : {"convert", "rotate", "mirror"}) {
+    const Result one = sandbox_.kvtile({command, "--help"});
+    EXPECT_EQ(one.status, 0);
+    for (const char* word : {"--budget", "--force", "--to-8bit", "Examples:", "IN", "OUT"}) {
+      EXPECT_THAT(one.out, HasSubstr(word)) << command;
+    }
+  }
+  EXPECT_THAT(sandbox_.kvtile({"info", "--help"}).out, HasSubstr("kvtile info scan.tif"));
+}
+
+TEST_F(CommandLineTest, VersionNamesTheLibrarys) {
+  const Result result = sandbox_.kvtile({"--version"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "kvtile 2.0.15 (KvTileImage 2.0.15)\n");
+}
+
+TEST_F(CommandLineTest, VerboseShowsWhatTheLibrarySaysAndQuietDoesNot) {
+  const Result verbose = sandbox_.kvtile({"rotate", "90", "in.png", "out.png", "--verbose"});
+  EXPECT_EQ(verbose.status, 0);
+  EXPECT_THAT(verbose.err, HasSubstr("KvTileImage: "));
+  const Result plain = sandbox_.kvtile({"rotate", "90", "in.png", "out.png", "--force"});
+  EXPECT_EQ(plain.err, "");
+}
+
+TEST_F(CommandLineTest, NamesTheBudgetThatWouldDo) {
+  // 40000 x 400 pixels of 8 bits: 128 million bits, 16 MB; with a turned copy 144 million.
+  support::writePng(sandbox_.path("big.png"), support::pngOf(Raster(40000, 400, 1, 8)));
+  Result result = sandbox_.kvtile({"convert", "--budget", "64M", "big.png", "out.png"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "kvtile: big.png: the image needs 16 MB of memory; run again with --budget 128M\n");
+  result = sandbox_.kvtile({"rotate", "90", "--budget", "128M", "big.png", "out.png"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err,
+            "kvtile: big.png: the image and its turned copy need 32 MB of memory; run again with --budget 192M\n");
+  EXPECT_THAT(sandbox_.names(), testing::ElementsAre("big.png", "in.png"));
+  EXPECT_EQ(sandbox_.kvtile({"convert", "--budget", "128M", "big.png", "out.png"}).status, 0);
+  EXPECT_EQ(sandbox_.kvtile({"rotate", "90", "--budget", "192M", "big.png", "turned.png"}).status, 0);
+  EXPECT_EQ(sandbox_.kvtile({"rotate", "360", "--budget", "128M", "big.png", "whole.png"}).status, 0)
+      << "without a turn there is no second image";
+}
+
+}  // namespace

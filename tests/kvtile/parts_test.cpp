@@ -1,0 +1,287 @@
+// Parts of the program whose every case the program itself does not show.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <tiffio.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <string>
+
+#include "console.h"
+#include "errors.h"
+#include "image.h"
+#include "library_messages.h"
+#include "picture.h"
+#include "progress.h"
+#include "samples.h"
+#include "support/raster.h"
+#include "system.h"
+#include "tiff_writer.h"
+#include "turn.h"
+
+namespace {
+
+using kvtile::needsBigTiff;
+using kvtile::Picture;
+using kvtile::Resolution;
+using kvtile::ResolutionUnit;
+using kvtile::Turn;
+using support::pattern;
+using support::Raster;
+
+// What a turn does to a picture, by the two steps it stands for.
+Raster apply(const Turn& turn, Raster raster) {
+  for (std::int32_t angle = 0; angle < turn.rotation(); angle += 90) {
+    raster = rotated90(raster);
+  }
+  if (turn.mirror() == KVTI_MIRROR_HORIZONTAL) {
+    raster = mirroredLeftRight(raster);
+  } else if (turn.mirror() == KVTI_MIRROR_VERTICAL) {
+    raster = mirroredTopBottom(raster);
+  }
+  return raster;
+}
+
+TEST(TurnTest, CompositionIsOneAfterTheOther) {
+  const Raster raster = pattern(3, 2, 1, 8);
+  for (unsigned first = 1; first <= 8; ++first) {
+    for (unsigned second = 1; second <= 8; ++second) {
+      const Turn a = Turn::uprightFrom(first);
+      const Turn b = Turn::uprightFrom(second);
+      EXPECT_EQ(apply(a.then(b), raster), apply(b, apply(a, raster))) << first << ", " << second;
+    }
+  }
+}
+
+TEST(TurnTest, UprightUndoesTheOrientation) {
+  const Raster upright = pattern(3, 2, 1, 8);
+  for (unsigned orientation = 1; orientation <= 8; ++orientation) {
+    const Turn turn = Turn::uprightFrom(orientation);
+    EXPECT_EQ(apply(turn, storedAs(upright, orientation)), upright) << orientation;
+    EXPECT_EQ(turn.swapsSides(), orientation >= 5);
+    EXPECT_EQ(turn.isIdentity(), orientation == 1);
+  }
+  EXPECT_TRUE(Turn::uprightFrom(0).isIdentity());
+  EXPECT_TRUE(Turn::uprightFrom(9).isIdentity());
+}
+
+TEST(TurnTest, BasicTurnsAreWhatTheirNamesSay) {
+  const Raster raster = pattern(3, 2, 1, 8);
+  EXPECT_EQ(apply(Turn::quarterTurns(1), raster), rotated90(raster));
+  EXPECT_EQ(apply(Turn::quarterTurns(-2), raster), rotated180(raster));
+  EXPECT_EQ(apply(Turn::quarterTurns(-5), raster), rotated270(raster));
+  EXPECT_EQ(apply(Turn::leftRightMirror(), raster), mirroredLeftRight(raster));
+  EXPECT_EQ(apply(Turn::topBottomMirror(), raster), mirroredTopBottom(raster));
+  EXPECT_EQ(Turn::topBottomMirror().rotation(), 0) << "one step, not two";
+}
+
+TEST(TurnTest, ParsesMultiplesOf90Only) {
+  EXPECT_EQ(Turn::parseDegrees("0"), Turn());
+  EXPECT_EQ(Turn::parseDegrees("-0"), Turn());
+  EXPECT_EQ(Turn::parseDegrees("0090"), Turn::quarterTurns(1));
+  EXPECT_EQ(Turn::parseDegrees("-90"), Turn::quarterTurns(3));
+  EXPECT_EQ(Turn::parseDegrees("+810"), Turn::quarterTurns(1));
+  EXPECT_EQ(Turn::parseDegrees("-9000000000000000000000000000090"), Turn::quarterTurns(-100000000000000001 % 4));
+  for (const char* text : {"", "-", "+", "1", "89", "-45", "90 ", " 90", "90.", "1e2", "--90", "+-90"}) {
+    EXPECT_EQ(Turn::parseDegrees(text), std::nullopt) << text;
+  }
+}
+
+// ---- Rows
+
+TEST(SamplesTest, WidensEveryValueToTheFullRange) {
+  const std::uint8_t packed[] = {0x1B, 0xE4};
+  std::array<std::uint8_t, 8> bytes = {};
+  kvtile::widen(packed, 2, kvtile::widenedScale(2), 8, bytes);
+  EXPECT_THAT(bytes, testing::ElementsAre(0, 85, 170, 255, 255, 170, 85, 0));
+  std::array<std::uint8_t, 4> nibbles = {};
+  kvtile::widen(packed, 4, kvtile::widenedScale(4), 4, nibbles);
+  EXPECT_THAT(nibbles, testing::ElementsAre(17, 187, 238, 68));
+  std::array<std::uint8_t, 3> bits = {};
+  kvtile::widen(packed, 1, kvtile::widenedScale(1), 3, bits);
+  EXPECT_THAT(bits, testing::ElementsAre(0, 0, 0));
+}
+
+TEST(SamplesTest, InsertsPlanesOfEveryDepthAndKeepsTheOthers) {
+  for (const std::uint32_t bits : {1U, 2U, 4U, 8U, 16U, 24U, 32U, 64U}) {
+    const Raster whole = pattern(21, 1, 3, bits);
+    std::vector<std::uint8_t> row(packRow(whole, 0, 0, 21).size(), 0xFF);
+    for (std::uint32_t plane = 0; plane < 3; ++plane) {
+      kvtile::insertPlane(packRow(whole, 0, 0, 21, static_cast<int>(plane)), {3, bits, {}}, plane, 21, row);
+    }
+    Raster merged(21, 1, 3, bits);
+    unpackRow(row, 0, merged);
+    EXPECT_EQ(merged, whole) << bits;
+  }
+}
+
+TEST(SamplesTest, PaletteNumbersBeyondTheEndAreOpaqueBlack) {
+  kvtile::Palette palette;
+  palette.entries = {{0xFFFF, 0x8080, 0}};
+  palette.alpha = {9};
+  const std::uint8_t indices[] = {0x01};
+  std::array<std::uint8_t, 8> rgba = {};
+  kvtile::expandPalette(indices, 4, palette, 2, rgba);
+  EXPECT_THAT(rgba, testing::ElementsAre(255, 128, 0, 9, 0, 0, 0, 255));
+}
+
+// ---- Resolution
+
+TEST(ResolutionTest, InchesSurviveTheWayThroughMetres) {
+  for (int dpi = 1; dpi <= 9600; ++dpi) {
+    const Resolution inches{static_cast<double>(dpi), 72, ResolutionUnit::Inch};
+    ASSERT_EQ(inches.forPng()->forTiff(), inches) << dpi;
+  }
+}
+
+TEST(ResolutionTest, MetresSurviveTheWayThroughTiff) {
+  for (int density = 1; density <= 400000; density += 7) {
+    const Resolution metres{static_cast<double>(density), 1000, ResolutionUnit::Metre};
+    ASSERT_EQ(metres.forTiff().forPng(), metres) << density;
+  }
+}
+
+TEST(ResolutionTest, RatiosKeepTheirDigits) {
+  const Resolution ratio{1.5, 1, ResolutionUnit::None};
+  EXPECT_EQ(ratio.forPng(), (Resolution{1500, 1000, ResolutionUnit::None}));
+  EXPECT_EQ(ratio.inInches(), std::nullopt);
+}
+
+TEST(ResolutionTest, WhatPngCannotHoldIsNothing) {
+  EXPECT_EQ((Resolution{1e9, 1e9, ResolutionUnit::Inch}.forPng()), std::nullopt);
+  EXPECT_EQ((Resolution{0.001, 0.001, ResolutionUnit::Inch}.forPng()), std::nullopt);
+}
+
+// ---- TIFF files to come
+
+Picture pictureOf(std::uint32_t width, std::uint32_t height, std::uint32_t samples, std::uint32_t bits) {
+  Picture picture;
+  picture.width = width;
+  picture.height = height;
+  picture.pixels.samples = samples;
+  picture.pixels.bits = bits;
+  return picture;
+}
+
+TEST(TiffWriterTest, UncompressedFilesBecomeBigWhenClassicEnds) {
+  constexpr std::uint64_t kClassicEnd = std::uint64_t{1} << 32;
+  const kvtile::TiffCoding plain{COMPRESSION_NONE, 1, 0};
+  const auto bound = [&plain](std::uint32_t height) { return worstCaseBytes(pictureOf(1 << 20, height, 1, 8), plain); };
+  EXPECT_FALSE(needsBigTiff(bound(4000)));
+  EXPECT_GE(bound(4000), std::uint64_t{4000} << 20);
+  EXPECT_TRUE(needsBigTiff(bound(4095)));
+  EXPECT_TRUE(needsBigTiff(bound(4096)));
+  EXPECT_TRUE(needsBigTiff(kClassicEnd));
+  EXPECT_FALSE(needsBigTiff(kClassicEnd / 2));
+}
+
+TEST(TiffWriterTest, CompressedFilesCountAsLargeAsTheyCanGrow) {
+  const Picture picture = pictureOf(1 << 20, 3000, 1, 8);
+  EXPECT_FALSE(needsBigTiff(worstCaseBytes(picture, {COMPRESSION_ADOBE_DEFLATE, 2, 0})));
+  EXPECT_TRUE(needsBigTiff(worstCaseBytes(picture, {COMPRESSION_LZW, 2, 0})));
+  EXPECT_TRUE(needsBigTiff(worstCaseBytes(pictureOf(1 << 20, 6000, 1, 1), {COMPRESSION_CCITTFAX4, 1, 0})));
+  EXPECT_EQ(worstCaseBytes(pictureOf(0xffffffff, 0xffffffff, 65535, 64), {COMPRESSION_LZW, 1, 0}), UINT64_MAX);
+}
+
+// Pixels at which each codec is at its worst do not outgrow the bound.
+TEST(TiffWriterTest, TheBoundHolds) {
+  for (const std::uint16_t compression : std::initializer_list<std::uint16_t>{
+           COMPRESSION_NONE, COMPRESSION_LZW, COMPRESSION_ADOBE_DEFLATE, COMPRESSION_PACKBITS, COMPRESSION_ZSTD,
+           COMPRESSION_LZMA, COMPRESSION_CCITTRLE, COMPRESSION_CCITTFAX3, COMPRESSION_CCITTFAX4}) {
+    SCOPED_TRACE("compression " + std::to_string(compression));
+    if (TIFFIsCODECConfigured(compression) == 0) {
+      continue;
+    }
+    const bool fax = compression >= COMPRESSION_CCITTRLE && compression <= COMPRESSION_CCITTFAX4;
+    Picture picture = pictureOf(fax ? 4000 : 500, 300, 1, fax ? 1 : 8);
+    picture.tiff.emplace().compression = compression;
+    const kvtile::TiffCoding coding = kvtile::chooseCoding(picture);
+    ASSERT_EQ(coding.compression, compression);
+    kvtile::Console console(false, true);
+    const std::string path = testing::TempDir() + "kvtile-bound-" + std::to_string(compression);
+    std::remove(path.c_str());
+    kvtile::File file = kvtile::File::createExclusively(path, path);
+    {
+      kvtile::TiffWriter writer(file, path, picture, console);
+      const Raster noise = pattern(500, 300, 1, 8);
+      for (std::uint32_t y = 0; y < 300; ++y) {
+        std::vector<std::uint8_t> row = packRow(noise, y, 0, 500);
+        if (fax) {
+          std::fill(row.begin(), row.end(), y % 2 == 0 ? 0x55 : 0xAA);
+        }
+        writer.writeRow(row);
+      }
+      writer.finish();
+    }
+    ASSERT_TRUE(file.flush());
+    EXPECT_LE(file.size(), worstCaseBytes(picture, coding));
+    // Everything but the pixels is small here: the bound says little unless they are what it counts.
+    EXPECT_GT(file.size(), 100000U);
+    std::remove(path.c_str());
+  }
+}
+
+TEST(TiffWriterTest, NewPixelsGetThePredictorThatSuitsThem) {
+  Picture picture = pictureOf(10, 10, 3, 8);
+  EXPECT_EQ(chooseCoding(picture), (kvtile::TiffCoding{COMPRESSION_ADOBE_DEFLATE, PREDICTOR_HORIZONTAL, 0}));
+  picture.pixels.bits = 24;
+  EXPECT_EQ(chooseCoding(picture).predictor, PREDICTOR_NONE);
+  picture.pixels.bits = 4;
+  EXPECT_EQ(chooseCoding(picture).predictor, PREDICTOR_NONE);
+  picture.pixels = {1, 32, kvtile::SampleFormat::Float};
+  EXPECT_EQ(chooseCoding(picture).predictor, PREDICTOR_FLOATINGPOINT);
+  picture.pixels = {1, 8, kvtile::SampleFormat::Unsigned};
+  picture.photometric = kvtile::Photometric::Palette;
+  EXPECT_EQ(chooseCoding(picture).predictor, PREDICTOR_NONE);
+}
+
+// ---- Memory and progress
+
+TEST(StorageTest, TheBudgetIsTheLibrarysRule) {
+  // One image: more than its bits.
+  EXPECT_EQ(kvtile::Storage::budgetFor(8000000000, 1), 8000000001U);
+  // Two: the bits of the second beside the bytes of the first, with some room for whole tiles.
+  EXPECT_GT(kvtile::Storage::budgetFor(8000000000, 2), 9000000000U);
+  EXPECT_LT(kvtile::Storage::budgetFor(8000000000, 2), 9200000000U);
+}
+
+// The library is stopped by an exception from its callback. In a process of its own: the request stays made.
+TEST(ImageTest, ARequestToStopEndsTheTurning) {
+  const auto turnAfterRequest = [] {
+    kvtile::Console console(false, true);
+    kvtile::Progress progress(console);
+    const kvtile::LibraryMessages messages(console);
+    const Picture picture = pictureOf(100, 100, 1, 8);
+    kvtile::Image image("in.png", picture);
+    kvtile::system::catchStopRequests();
+    std::raise(SIGTERM);
+    try {
+      image.turn(Turn::quarterTurns(1), picture, progress);
+    } catch (const kvtile::Interrupted&) {
+      std::_Exit(image.width() == 100 ? 7 : 8);
+    }
+    std::_Exit(9);
+  };
+  EXPECT_EXIT(turnAfterRequest(), testing::ExitedWithCode(7), "^$");
+}
+
+TEST(ImageTest, TheResolutionIsTheImagesToo) {
+  Picture picture = pictureOf(10, 10, 1, 8);
+  picture.resolution = Resolution{11811, 3937, ResolutionUnit::Metre};
+  kvtile::Image image("in.png", picture);
+  EXPECT_NEAR(image.dpiX(), 300, 0.01);
+  EXPECT_NEAR(image.dpiY(), 100, 0.01);
+}
+
+TEST(ProgressLineTest, FitsItsColumns) {
+  EXPECT_EQ(kvtile::progressLine("reading", 0, 10, 79), "reading [" + std::string(40, '.') + "]   0%");
+  EXPECT_EQ(kvtile::progressLine("turning", 5, 10, 79),
+            "turning [" + std::string(20, '#') + std::string(20, '.') + "]  50%");
+  EXPECT_EQ(kvtile::progressLine("writing", 10, 10, 79), "writing [" + std::string(40, '#') + "] 100%");
+  for (int columns = 0; columns < 80; ++columns) {
+    EXPECT_LE(kvtile::progressLine("reading", 3, 10, columns).size(), static_cast<std::size_t>(columns));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,32 @@
+// The commands of the program, apart from the command line.
+#ifndef KVTILE_COMMANDS_H
+#define KVTILE_COMMANDS_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "console.h"
+#include "turn.h"
+
+namespace kvtile {
+
+struct TransformRequest {
+  std::string input;
+  std::string output;
+  Turn turn;                 // applied to the picture as a viewer shows it
+  std::uint64_t budget = 0;  // bytes; 0: the library's own
+  bool force = false;        // an existing output may be replaced
+  bool widenTo8Bit = false;
+};
+
+// Makes `output` from `input`. Throws a Failure, or Interrupted when asked to stop; nothing is left behind then.
+void transform(const TransformRequest& request, Console& console);
+
+// Prints what the files' headers say to standard output. Files that cannot be understood are reported on the console;
+// false if there were any. Throws a Failure if standard output does not take the text.
+bool showInfo(const std::vector<std::string>& files, Console& console);
+
+}  // namespace kvtile
+
+#endif

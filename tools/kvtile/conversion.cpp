@@ -1,0 +1,163 @@
+#include "conversion.h"
+
+#include <algorithm>
+
+#include "description.h"
+#include "errors.h"
+#include "samples.h"
+
+namespace kvtile {
+namespace {
+
+constexpr std::uint32_t kLargestPngSide = 0x7fffffff;
+constexpr std::uint16_t kComponentScale = 257;  // 8 to 16 bits
+
+const char* const kWriteTiff = "write a .tif instead";
+
+bool isGrey(Photometric photometric) {
+  return photometric == Photometric::WhiteIsZero || photometric == Photometric::BlackIsZero ||
+         photometric == Photometric::Mask;
+}
+
+void requireColoursForPng(const Picture& held, const std::string& path) {
+  if (!isGrey(held.photometric) && held.photometric != Photometric::Rgb && held.photometric != Photometric::Palette) {
+    throw Failure(path, "PNG cannot hold " + describePhotometric(held.photometric), kWriteTiff);
+  }
+  const std::uint32_t colours = held.colourSamples();
+  const std::uint32_t others = held.pixels.samples - colours;
+  const bool colourMissing = held.photometric == Photometric::Rgb && colours < 3;
+  const std::uint32_t allowedOthers = held.photometric == Photometric::Palette ? 0 : 1;
+  if (colourMissing || others > allowedOthers) {
+    throw Failure(path,
+                  "PNG cannot hold " + std::to_string(held.pixels.samples) + " samples per pixel of this meaning (" +
+                      describeMeaning(held.photometric, held.extras) + ")",
+                  kWriteTiff);
+  }
+}
+
+void requireSamplesForPng(const Picture& held, const std::string& path) {
+  const PixelFormat& format = held.pixels;
+  const std::string what = "PNG cannot hold samples of this kind (" + describeSamples(format) + ")";
+  if (format.sampleFormat != SampleFormat::Unsigned || format.bits > 16) {
+    throw Failure(path, what, kWriteTiff);
+  }
+  if (format.packed() && format.samples > 1) {
+    throw Failure(path, what, "widen them with --to-8bit, or write a .tif instead");
+  }
+  if (held.photometric == Photometric::Palette && format.bits > 8) {
+    throw Failure(path, "PNG cannot hold a palette of " + std::to_string(format.bits) + " bits", kWriteTiff);
+  }
+  if (held.width > kLargestPngSide || held.height > kLargestPngSide) {
+    throw Failure(path, "PNG cannot hold a picture of this size", kWriteTiff);
+  }
+}
+
+// Palettes of TIFF files hold 16 bits a component; some programs store 8-bit values there.
+void spreadNarrowPalette(Palette& palette) {
+  const bool narrow = std::all_of(palette.entries.begin(), palette.entries.end(), [](const PaletteEntry& entry) {
+    return entry.red < 256 && entry.green < 256 && entry.blue < 256;
+  });
+  if (narrow) {
+    for (PaletteEntry& entry : palette.entries) {
+      entry.red = static_cast<std::uint16_t>(entry.red * kComponentScale);
+      entry.green = static_cast<std::uint16_t>(entry.green * kComponentScale);
+      entry.blue = static_cast<std::uint16_t>(entry.blue * kComponentScale);
+    }
+  }
+}
+
+void planAlphaForPng(Delivery& delivery) {
+  Picture& picture = delivery.picture;
+  const bool hasAlpha = picture.pixels.samples > picture.colourSamples();
+  const Extra kind = picture.extras.empty() ? Extra::Unspecified : picture.extras.front();
+  picture.extras.clear();
+  if (!hasAlpha) {
+    return;
+  }
+  picture.extras.push_back(Extra::StraightAlpha);
+  if (kind == Extra::AssociatedAlpha) {
+    delivery.straighten = true;
+  } else if (kind != Extra::StraightAlpha) {
+    delivery.notes.push_back("sample " + std::to_string(picture.pixels.samples) +
+                             " of each pixel has no declared meaning and becomes the alpha of the PNG");
+  }
+}
+
+Delivery planPng(const Picture& held, const std::string& path) {
+  requireColoursForPng(held, path);
+  requireSamplesForPng(held, path);
+  Delivery delivery;
+  delivery.picture = held;
+  Picture& picture = delivery.picture;
+  planAlphaForPng(delivery);
+  delivery.invert = held.photometric == Photometric::WhiteIsZero;
+  if (isGrey(held.photometric)) {
+    picture.photometric = Photometric::BlackIsZero;
+  }
+  if (held.tiff && held.photometric == Photometric::Palette) {
+    spreadNarrowPalette(picture.palette);
+  }
+  if (picture.resolution) {
+    picture.resolution = picture.resolution->forPng();
+    if (!picture.resolution) {
+      delivery.notes.push_back("the resolution is outside what PNG can hold and is dropped");
+    }
+  }
+  return delivery;
+}
+
+Delivery planTiff(const Picture& held) {
+  Delivery delivery;
+  delivery.picture = held;
+  Picture& picture = delivery.picture;
+  if (picture.resolution) {
+    picture.resolution = picture.resolution->forTiff();
+  }
+  if (picture.colourKey) {
+    picture.colourKey.reset();
+    delivery.notes.push_back("TIFF has no place for the PNG's transparent colour; it is dropped");
+  }
+  if (picture.photometric != Photometric::Palette) {
+    return delivery;
+  }
+  if (!picture.palette.alpha.empty()) {
+    delivery.expandPalette = true;
+    picture.photometric = Photometric::Rgb;
+    picture.pixels = {4, 8, SampleFormat::Unsigned};
+    picture.extras = {Extra::StraightAlpha};
+    picture.palette = {};
+  } else {
+    // A TIFF's colour map has an entry for each value that a sample can have.
+    picture.palette.entries.resize(std::size_t{1} << picture.pixels.bits);
+  }
+  return delivery;
+}
+
+}  // namespace
+
+Delivery planDelivery(const Picture& held, FileFormat format, const std::string& path) {
+  return format == FileFormat::Png ? planPng(held, path) : planTiff(held);
+}
+
+RowConverter::RowConverter(const Picture& held, const Delivery& delivery) : held_(held), delivery_(delivery) {
+  if (delivery_.expandPalette) {
+    expanded_.resize(delivery_.picture.rowBytes());
+  }
+}
+
+std::span<std::uint8_t> RowConverter::convert(std::span<std::uint8_t> row) {
+  if (delivery_.expandPalette) {
+    expandPalette(row, held_.pixels.bits, held_.palette, held_.width, expanded_);
+    return expanded_;
+  }
+  // Alpha is divided out first: it was multiplied with the samples as they are stored.
+  if (delivery_.straighten) {
+    unpremultiply(row, held_.pixels, held_.width);
+  }
+  if (delivery_.invert) {
+    invertGrey(row, held_.pixels, held_.width);
+  }
+  return row;
+}
+
+}  // namespace kvtile

@@ -1,0 +1,306 @@
+// The command line of kvtile. Exit status: 0 done, 1 not done for a reason told on stderr, 2 wrong usage.
+#include <kvtileimage/KvTileImage.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <new>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "errors.h"
+#include "system.h"
+
+namespace {
+
+using kvtile::TransformRequest;
+using kvtile::Turn;
+
+constexpr int kDone = 0;
+constexpr int kNotDone = 1;
+constexpr int kWrongUsage = 2;
+
+// Stands in for the minus of arguments such as -90, which would otherwise be taken for options.
+constexpr char kMinus = '\x01';
+
+struct Options {
+  std::string angle;
+  std::string direction;
+  std::string budget;
+  std::string input;
+  std::string output;
+  std::vector<std::string> files;
+  bool force = false;
+  bool widenTo8Bit = false;
+  bool verbose = false;
+  bool quiet = false;
+};
+
+std::string withMinus(std::string text) {
+  std::replace(text.begin(), text.end(), kMinus, '-');
+  return text;
+}
+
+// The arguments in the order that CLI11 wants, last one first. No option starts with a digit.
+std::vector<std::string> collectArguments(int count, char** values) {
+  std::vector<std::string> arguments;
+  for (int i = count - 1; i > 0; --i) {
+    std::string argument = values[i];
+    if (argument.size() > 1 && argument[0] == '-' && std::isdigit(static_cast<unsigned char>(argument[1])) != 0) {
+      argument[0] = kMinus;
+    }
+    arguments.push_back(argument);
+  }
+  return arguments;
+}
+
+// "64M": bytes, or K, M, G or T of 1024 each; nothing for other texts and for sizes beyond 64 bits.
+std::optional<std::uint64_t> parseSize(const std::string& text) {
+  constexpr const char* kSuffixes = "KMGT";
+  const std::size_t digits = text.find_first_not_of("0123456789");
+  std::uint64_t value = 0;
+  for (const char digit : text.substr(0, digits)) {
+    if (value > (UINT64_MAX - 9) / 10) {
+      return std::nullopt;
+    }
+    value = value * 10 + static_cast<std::uint64_t>(digit - '0');
+  }
+  if (digits == std::string::npos) {
+    return text.empty() ? std::nullopt : std::optional(value);
+  }
+  const auto* suffix =
+      std::find(kSuffixes, kSuffixes + 4, static_cast<char>(std::toupper(static_cast<unsigned char>(text[digits]))));
+  const auto shift = 10 * (suffix - kSuffixes + 1);
+  if (digits == 0 || digits + 1 != text.size() || suffix == kSuffixes + 4 || value > (UINT64_MAX >> shift)) {
+    return std::nullopt;
+  }
+  return value << shift;
+}
+
+std::string checkAngle(std::string& text) {
+  if (Turn::parseDegrees(withMinus(text))) {
+    return {};
+  }
+  return "'" + withMinus(text) + "' is no angle: allowed are whole multiples of 90, such as 90, 180, 270 and -90";
+}
+
+std::string checkSize(std::string& text) {
+  const auto size = parseSize(text);
+  if (size && *size > 0) {
+    return {};
+  }
+  return "'" + withMinus(text) + "' is no size: allowed are numbers of bytes, or such as 512M and 12G";
+}
+
+std::string checkDirection(std::string& text) {
+  if (text == "horizontal" || text == "vertical") {
+    return {};
+  }
+  return "'" + withMinus(text) + "' is no direction: allowed are horizontal and vertical";
+}
+
+void addMessageOptions(CLI::App& app, Options& options) {
+  app.add_flag("-q,--quiet", options.quiet, "Show errors only: no progress bar and no notes");
+  app.add_flag("-v,--verbose", options.verbose, "Show what the library and the codecs report");
+}
+
+void addTransformOptions(CLI::App& app, Options& options) {
+  app.add_option("--budget", options.budget, "Memory that images may take, for example 512M or 12G (initially 1G)")
+      ->type_name("SIZE")
+      ->check(CLI::Validator(checkSize, ""));
+  app.add_flag("-f,--force", options.force, "Replace OUT if it exists");
+  app.add_flag("--to-8bit", options.widenTo8Bit, "Widen samples of 1, 2 and 4 bits to 8 bits");
+  addMessageOptions(app, options);
+}
+
+void addFiles(CLI::App& app, Options& options) {
+  app.add_option("IN", options.input, "The PNG or TIFF file to read")->type_name("")->required();
+  app.add_option("OUT", options.output, "The file to make: .png, .tif or .tiff")->type_name("")->required();
+}
+
+void addInfo(CLI::App& app, Options& options) {
+  CLI::App* info = app.add_subcommand("info", "Show what files say about their pictures");
+  info->add_option("FILE", options.files, "PNG and TIFF files")->type_name("")->required();
+  addMessageOptions(*info, options);
+  info->footer("Example:\n  kvtile info scan.tif photo.png\n\nOnly the headers are read.");
+}
+
+void addConvert(CLI::App& app, Options& options) {
+  CLI::App* convert = app.add_subcommand("convert", "Store a picture in another file or format");
+  addFiles(*convert, options);
+  addTransformOptions(*convert, options);
+  convert->footer(
+      "Examples:\n"
+      "  kvtile convert scan.tif scan.png\n"
+      "  kvtile convert --budget 12G mosaic.png mosaic.tif\n\n"
+      "A TIFF that is stored turned or mirrored (orientation tag) comes out upright.");
+}
+
+void addRotate(CLI::App& app, Options& options) {
+  CLI::App* rotate = app.add_subcommand("rotate", "Turn a picture clockwise by a multiple of 90 degrees");
+  rotate->add_option("ANGLE", options.angle, "Degrees clockwise: 90, 180, 270, or negative for counter-clockwise")
+      ->type_name("")
+      ->required()
+      ->check(CLI::Validator(checkAngle, ""));
+  addFiles(*rotate, options);
+  addTransformOptions(*rotate, options);
+  rotate->footer(
+      "Examples:\n"
+      "  kvtile rotate 90 scan.tif upright.tif\n"
+      "  kvtile rotate -90 photo.png left.png\n"
+      "  kvtile rotate --force 180 photo.png photo.png");
+}
+
+void addMirror(CLI::App& app, Options& options) {
+  CLI::App* mirror = app.add_subcommand("mirror", "Exchange left and right, or top and bottom");
+  mirror
+      ->add_option("DIRECTION", options.direction,
+                   "horizontal (left and right change places) or vertical (top and bottom do)")
+      ->type_name("")
+      ->required()
+      ->check(CLI::Validator(checkDirection, ""));
+  addFiles(*mirror, options);
+  addTransformOptions(*mirror, options);
+  mirror->footer(
+      "Examples:\n"
+      "  kvtile mirror horizontal photo.png mirrored.png\n"
+      "  kvtile mirror vertical scan.tif flipped.tif");
+}
+
+// CLI11's sentence or a better one, and where to read on.
+std::string usageText(const CLI::App& app, const CLI::ParseError& error) {
+  std::string text = withMinus(error.what());
+  const std::vector<std::string> leftOver = app.remaining();
+  const bool noCommand = app.get_subcommands().empty();
+  if (noCommand && !leftOver.empty() && leftOver.front()[0] != '-') {
+    text = "'" + withMinus(leftOver.front()) + "' is no command: there are info, convert, rotate and mirror";
+  } else if (noCommand && !leftOver.empty()) {
+    text = "there is no option " + leftOver.front();
+  }
+  if (text.size() > 1 && std::islower(static_cast<unsigned char>(text[1])) != 0) {
+    text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
+  }
+  const std::string command = noCommand ? "" : app.get_subcommands().front()->get_name() + " ";
+  return text + "; see 'kvtile " + command + "--help'";
+}
+
+std::string versionText() {
+  const char* library = nullptr;
+  KvTileImage_VersionString(&library);
+  return std::string("kvtile " KVTILE_VERSION " (KvTileImage ") + library + ")";
+}
+
+TransformRequest makeRequest(const Options& options, const Turn& turn) {
+  TransformRequest request;
+  request.input = withMinus(options.input);
+  request.output = withMinus(options.output);
+  request.turn = turn;
+  request.budget = parseSize(options.budget).value_or(0);
+  request.force = options.force;
+  request.widenTo8Bit = options.widenTo8Bit;
+  return request;
+}
+
+// Runs `work`, which returns an exit status, and turns what ends it early into one line and a status.
+template <typename Work>
+int runReporting(const Options& options, kvtile::Console& console, const Work& work) {
+  const std::string subject = withMinus(options.output.empty() ? "info" : options.output);
+  try {
+    return work();
+  } catch (const kvtile::WrongUsage& usage) {
+    console.error(usage.what());
+    return kWrongUsage;
+  } catch (const kvtile::Failure& failure) {
+    // A transfer that was cut off by the request to stop looks like a failed one.
+    if (!kvtile::system::stopRequested()) {
+      console.error(failure.what());
+      return kNotDone;
+    }
+  } catch (const kvtile::Interrupted&) {
+    // Told below.
+  } catch (const std::bad_alloc&) {
+    console.error(subject + ": there is not enough memory; close other programs or use a machine with more memory");
+    return kNotDone;
+  } catch (const std::exception& exception) {
+    console.error(subject + ": unexpected failure (" + exception.what() + "); please report it");
+    return kNotDone;
+  }
+  console.error(subject + ": interrupted before it was complete; run the command again to make it");
+  return kNotDone;
+}
+
+// What the command line is made of, with the values in `options`.
+void describeCommandLine(CLI::App& app, Options& options) {
+  app.require_subcommand(1);
+  app.get_formatter()->column_width(28);
+  app.get_formatter()->label("REQUIRED", "");
+  app.get_formatter()->label("SUBCOMMAND", "COMMAND ...");
+  app.get_formatter()->label("Positionals", "Arguments");
+  app.set_version_flag("--version", versionText(), "Show the version of the program and of the library");
+  addTransformOptions(app, options);
+  addInfo(app, options);
+  addConvert(app, options);
+  addRotate(app, options);
+  addMirror(app, options);
+  for (CLI::App* command : app.get_subcommands({})) {
+    command->group("Commands");
+  }
+  app.footer(
+      "Examples:\n"
+      "  kvtile info scan.tif\n"
+      "  kvtile rotate 90 scan.tif upright.tif\n"
+      "  kvtile mirror horizontal photo.png mirrored.png\n\n"
+      "'kvtile COMMAND --help' tells more about a command.");
+}
+
+int runInfo(Options& options, kvtile::Console& console) {
+  for (std::string& file : options.files) {
+    file = withMinus(file);
+  }
+  return kvtile::showInfo(options.files, console) ? kDone : kNotDone;
+}
+
+// The turn that the command stands for; convert has none.
+Turn turnOf(const std::string& command, const Options& options) {
+  if (command == "rotate") {
+    return Turn::parseDegrees(withMinus(options.angle)).value_or(Turn());
+  }
+  if (command == "mirror") {
+    return options.direction == "horizontal" ? Turn::leftRightMirror() : Turn::topBottomMirror();
+  }
+  return Turn();
+}
+
+}  // namespace
+
+int main(int count, char** values) {
+  Options options;
+  CLI::App app("Turns, mirrors and converts large PNG and TIFF pictures.", "kvtile");
+  describeCommandLine(app, options);
+  if (count <= 1) {
+    std::fputs(app.help().c_str(), stderr);
+    return kWrongUsage;
+  }
+  try {
+    app.parse(collectArguments(count, values));
+  } catch (const CLI::Success& success) {
+    return app.exit(success);
+  } catch (const CLI::ParseError& error) {
+    kvtile::Console(false, true).error(usageText(app, error));
+    return kWrongUsage;
+  }
+
+  const std::string command = app.get_subcommands().front()->get_name();
+  kvtile::Console console(options.verbose, options.quiet);
+  kvtile::system::catchStopRequests();
+  return runReporting(options, console, [&options, &console, &command] {
+    if (command == "info") {
+      return runInfo(options, console);
+    }
+    kvtile::transform(makeRequest(options, turnOf(command, options)), console);
+    return kDone;
+  });
+}

@@ -1,0 +1,146 @@
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+
+#include "system.h"
+
+namespace kvtile::system {
+namespace {
+
+volatile std::sig_atomic_t stopFlag = 0;
+
+extern "C" void onStopRequest(int) { stopFlag = 1; }
+
+void catchUnlessIgnored(int signal) {
+  struct sigaction now = {};
+  sigaction(signal, nullptr, &now);
+  // nohup and shells that start a job in the background ignore signals on the job's behalf.
+  if (now.sa_handler == SIG_IGN) {
+    return;
+  }
+  struct sigaction wanted = {};
+  wanted.sa_handler = onStopRequest;
+  sigemptyset(&wanted.sa_mask);
+  sigaction(signal, &wanted, nullptr);
+}
+
+}  // namespace
+
+bool stderrIsTerminal() { return isatty(STDERR_FILENO) != 0; }
+
+int terminalColumns() {
+  struct winsize size = {};
+  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) {
+    return 80;
+  }
+  return size.ws_col;
+}
+
+void catchStopRequests() {
+  catchUnlessIgnored(SIGINT);
+  catchUnlessIgnored(SIGTERM);
+  catchUnlessIgnored(SIGHUP);
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+}
+
+bool stopRequested() noexcept { return stopFlag != 0; }
+
+unsigned long processId() { return static_cast<unsigned long>(getpid()); }
+
+FileKind kindOf(const std::string& path, int& error) {
+  error = 0;
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) {
+    error = errno;
+    return FileKind::Missing;
+  }
+  if (S_ISREG(status.st_mode)) {
+    return FileKind::Regular;
+  }
+  return S_ISDIR(status.st_mode) ? FileKind::Folder : FileKind::Other;
+}
+
+bool nameExists(const std::string& path) {
+  struct stat status = {};
+  return lstat(path.c_str(), &status) == 0;
+}
+
+bool sameFile(const std::string& a, const std::string& b) {
+  struct stat first = {};
+  struct stat second = {};
+  return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+         first.st_ino == second.st_ino;
+}
+
+std::string folderOf(const std::string& path) {
+  const std::string folder = std::filesystem::path(path).parent_path().string();
+  return folder.empty() ? "." : folder;
+}
+
+std::string nameOf(const std::string& path) { return std::filesystem::path(path).filename().string(); }
+
+std::FILE* openForReading(const std::string& path) { return std::fopen(path.c_str(), "rb"); }
+
+std::FILE* createExclusively(const std::string& path) { return std::fopen(path.c_str(), "w+bx"); }
+
+bool seek(std::FILE* stream, std::int64_t offset, int whence) { return fseeko(stream, offset, whence) == 0; }
+
+std::int64_t tell(std::FILE* stream) { return ftello(stream); }
+
+int waitForDisk(std::FILE* stream) {
+  if (fsync(fileno(stream)) == 0 || errno == EINVAL) {
+    return 0;
+  }
+  return errno;
+}
+
+void copyPermissions(const std::string& path, std::FILE* stream) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) == 0) {
+    // A file system without access rights refuses this; the picture is no worse for it.
+    [[maybe_unused]] const int ignored = fchmod(fileno(stream), status.st_mode & 0777);
+  }
+}
+
+int renameToFreeName(const std::string& from, const std::string& to) {
+#ifdef RENAME_NOREPLACE
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+    return 0;
+  }
+  if (errno != EINVAL && errno != ENOSYS) {
+    return errno;
+  }
+#endif
+  if (link(from.c_str(), to.c_str()) == 0) {
+    unlink(from.c_str());
+    return 0;
+  }
+  if (errno != EPERM && errno != EOPNOTSUPP && errno != ENOSYS) {
+    return errno;
+  }
+  // Neither way exists on this file system. Taking the name first keeps others from being overwritten; what the rename
+  // then replaces is this empty file.
+  const int placeholder = open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (placeholder < 0) {
+    return errno;
+  }
+  close(placeholder);
+  const int error = renameOver(from, to);
+  if (error != 0) {
+    unlink(to.c_str());
+  }
+  return error;
+}
+
+int renameOver(const std::string& from, const std::string& to) {
+  return std::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+}  // namespace kvtile::system
