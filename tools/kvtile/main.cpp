@@ -108,7 +108,8 @@ void addMessageOptions(CLI::App& app, Options& options) {
 }
 
 void addTransformOptions(CLI::App& app, Options& options) {
-  app.add_option("--budget", options.budget, "Memory that images may take, for example 512M or 12G (initially 1G)")
+  app.add_option("--budget", options.budget,
+                 "Heap budget, for example 12G (initially 1G); pixels need 8 times their bytes")
       ->type_name("SIZE")
       ->check(CLI::Validator(checkSize, ""));
   app.add_flag("-f,--force", options.force, "Replace OUT if it exists");
