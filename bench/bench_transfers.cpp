@@ -75,70 +75,37 @@ void memcpyRows(benchmark::State& state) {
   finish(state, format, true);
 }
 
-void getRows(benchmark::State& state) {
+enum class Scanline { row, column };
+
+// Calls `move(image, index, buffer, bytes)` for every row or column of an image, with a buffer of a whole one.
+template <class Move>
+void everyScanline(benchmark::State& state, Scanline scanline, Move move) {
   const Format format = formatOf(state);
   const Image image = filled(format);
-  std::vector<std::uint8_t> row(KvTileImage_GetRowScanlineSuitableBytes(image.get()));
+  const bool rows = scanline == Scanline::row;
+  std::vector<std::uint8_t> buffer(rows ? KvTileImage_GetRowScanlineSuitableBytes(image.get())
+                                        : KvTileImage_GetColScanlineSuitableBytes(image.get()));
   bool moved = true;
   for (auto _ : state) {
-    for (std::uint32_t y = 0; y < format.height; ++y) {
-      moved = moved && KvTileImage_GetFullRowData(image.get(), y, row.data(), row.size());
+    for (std::uint32_t index = 0; index < (rows ? format.height : format.width); ++index) {
+      moved = moved && move(image.get(), index, buffer.data(), buffer.size());
     }
   }
   finish(state, format, moved);
 }
 
-void setRows(benchmark::State& state) {
-  const Format format = formatOf(state);
-  const Image image = filled(format);
-  const std::vector<std::uint8_t> row(KvTileImage_GetRowScanlineSuitableBytes(image.get()), 0xA5);
-  bool moved = true;
-  for (auto _ : state) {
-    for (std::uint32_t y = 0; y < format.height; ++y) {
-      moved = moved && KvTileImage_SetFullRowData(image.get(), y, row.data(), row.size());
-    }
-  }
-  finish(state, format, moved);
-}
+void getRows(benchmark::State& state) { everyScanline(state, Scanline::row, &KvTileImage_GetFullRowData); }
+void setRows(benchmark::State& state) { everyScanline(state, Scanline::row, &KvTileImage_SetFullRowData); }
+void getColumns(benchmark::State& state) { everyScanline(state, Scanline::column, &KvTileImage_GetFullColData); }
+void setColumns(benchmark::State& state) { everyScanline(state, Scanline::column, &KvTileImage_SetFullColData); }
 
 // Row runs that start at pixel 3: packed formats shift every bit.
 void getShiftedRows(benchmark::State& state) {
-  const Format format = formatOf(state);
-  const Image image = filled(format);
-  std::vector<std::uint8_t> row(KvTileImage_GetRowScanlineSuitableBytes(image.get()));
-  bool moved = true;
-  for (auto _ : state) {
-    for (std::uint32_t y = 0; y < format.height; ++y) {
-      moved = moved && KvTileImage_GetRowData(image.get(), y, 3, format.width, row.data(), row.size());
-    }
-  }
-  finish(state, format, moved);
-}
-
-void getColumns(benchmark::State& state) {
-  const Format format = formatOf(state);
-  const Image image = filled(format);
-  std::vector<std::uint8_t> column(KvTileImage_GetColScanlineSuitableBytes(image.get()));
-  bool moved = true;
-  for (auto _ : state) {
-    for (std::uint32_t x = 0; x < format.width; ++x) {
-      moved = moved && KvTileImage_GetFullColData(image.get(), x, column.data(), column.size());
-    }
-  }
-  finish(state, format, moved);
-}
-
-void setColumns(benchmark::State& state) {
-  const Format format = formatOf(state);
-  const Image image = filled(format);
-  const std::vector<std::uint8_t> column(KvTileImage_GetColScanlineSuitableBytes(image.get()), 0xA5);
-  bool moved = true;
-  for (auto _ : state) {
-    for (std::uint32_t x = 0; x < format.width; ++x) {
-      moved = moved && KvTileImage_SetFullColData(image.get(), x, column.data(), column.size());
-    }
-  }
-  finish(state, format, moved);
+  const std::uint32_t width = formatOf(state).width;
+  everyScanline(state, Scanline::row,
+                [width](TileImageHandle* image, std::uint32_t y, std::uint8_t* buffer, std::uint64_t bytes) {
+                  return KvTileImage_GetRowData(image, y, 3, width, buffer, bytes);
+                });
 }
 
 void allFormats(benchmark::internal::Benchmark* benchmark) {
