@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/system_info.h"
+#include "base/process_values.h"
 #include "storage/block_center.h"
 #include "storage/memory_storage_strategy.h"
 #include "storage/tile_image_memory_byte_counter.h"
@@ -95,7 +95,7 @@ TEST(MemoryStorageTest, ReportsAGridThatCannotBeAllocated) {
 
 TEST(BlockCenterTest, RefusesTilesBeyondTheMachinesMemoryBeforeItTakesAny) {
   LogCapture log;
-  const std::uint64_t available = platform::totalMemoryBytes();
+  const std::uint64_t available = base::totalMemoryBytes();
   EXPECT_EQ(BlockCenter::create(sizes(1, 2, 0, 0, 16, available), true), nullptr);
   EXPECT_EQ(log.take(), errors({("[BlockCenter::create] the tiles take " + std::to_string(available + 16) +
                                  " bytes, more than the machine's " + std::to_string(available) + " bytes")

@@ -11,4 +11,7 @@ std::uint32_t processorCount() noexcept;
 // Bytes that the size of a file-mapped tile is rounded up to. Asked of the system again while it has not said.
 std::uint64_t allocationGranularity() noexcept;
 
+// Bytes of memory, swap space included, that the machine had at load; the largest value if the system did not say.
+std::uint64_t totalMemoryBytes() noexcept;
+
 }  // namespace base

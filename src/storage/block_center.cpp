@@ -1,7 +1,7 @@
 #include "storage/block_center.h"
 
 #include "base/log.h"
-#include "platform/system_info.h"
+#include "base/process_values.h"
 #include "storage/memory_storage_strategy.h"
 
 namespace storage {
@@ -10,7 +10,7 @@ std::shared_ptr<BlockCenter> BlockCenter::create(const TileByteSizes& tileByteSi
   if (!useMemory) {
     return nullptr;
   }
-  const std::uint64_t available = platform::totalMemoryBytes();
+  const std::uint64_t available = base::totalMemoryBytes();
   if (tileByteSizes.total() > available) {
     // The system would hand it out all the same, tile by tile, and end the process when the tiles are written.
     base::logger().log(ember_logger::error, "[%s] the tiles take %llu bytes, more than the machine's %llu bytes",

@@ -23,7 +23,8 @@ std::uint64_t allocationGranularity() noexcept { return systemInfo().dwAllocatio
 std::uint64_t totalMemoryBytes() noexcept {
   MEMORYSTATUSEX status{};
   status.dwLength = sizeof(status);
-  if (GlobalMemoryStatusEx(&status) == 0) {
+  // Wine's first call on one thread can hand zeros to a second thread.
+  if (GlobalMemoryStatusEx(&status) == 0 || status.ullTotalPageFile == 0) {
     return std::numeric_limits<std::uint64_t>::max();
   }
   return status.ullTotalPageFile;
