@@ -1,0 +1,21 @@
+// Where programs and their data are. Paths are wide, with "/" between the components; a folder's path ends with "/".
+#pragma once
+
+#include <string>
+
+namespace platform {
+
+// The running program. Throws std::runtime_error if the system does not say.
+std::wstring executablePath();
+
+// The folder for the data of programs that belongs to the user and to this machine. It need not exist.
+std::wstring localDataFolder();
+
+// Whether programs may keep files of their own in `folder`, the folder they are started from.
+bool mayHoldHostFiles(const std::wstring& folder);
+
+// The form in which the file calls that know no wide strings take `path`. Characters that this form cannot hold are
+// replaced, and the call then fails to find the file.
+std::string narrowPath(const std::wstring& path);
+
+}  // namespace platform

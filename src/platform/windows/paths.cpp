@@ -1,0 +1,52 @@
+#include "platform/paths.h"
+
+#include <shlobj.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace platform {
+namespace {
+
+constexpr const wchar_t* kWithoutDataFolder = L"d:/";
+
+std::wstring withSlashes(std::wstring path) {
+  std::replace(path.begin(), path.end(), L'\\', L'/');
+  return path;
+}
+
+}  // namespace
+
+std::wstring executablePath() {
+  wchar_t path[1024];
+  const DWORD length = GetModuleFileNameW(nullptr, path, 1024);
+  if (length == 0 || length == 1024) {
+    throw std::runtime_error("the path of the program cannot be had, or is longer than 1023 characters");
+  }
+  return withSlashes(path);
+}
+
+std::wstring localDataFolder() {
+  wchar_t path[MAX_PATH];
+  if (FAILED(SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, path))) {
+    return kWithoutDataFolder;
+  }
+  const std::wstring folder = withSlashes(path);
+  return folder.ends_with(L'/') ? folder : folder + L'/';
+}
+
+bool mayHoldHostFiles(const std::wstring&) { return true; }
+
+std::string narrowPath(const std::wstring& path) {
+  const int bytes = WideCharToMultiByte(CP_ACP, 0, path.c_str(), -1, nullptr, 0, nullptr, nullptr);
+  if (bytes <= 0) {
+    return "";
+  }
+  std::string narrow(static_cast<std::size_t>(bytes), '\0');
+  WideCharToMultiByte(CP_ACP, 0, path.c_str(), -1, narrow.data(), bytes, nullptr, nullptr);
+  narrow.pop_back();  // the terminating zero, which was counted
+  return narrow;
+}
+
+}  // namespace platform
