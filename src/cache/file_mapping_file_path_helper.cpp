@@ -1,0 +1,49 @@
+#include "cache/file_mapping_file_path_helper.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cwchar>
+#include <filesystem>
+#include <limits>
+
+#include "platform/processes.h"
+
+namespace cache {
+namespace {
+
+std::atomic<std::uint64_t> nextNumber{0};
+
+}  // namespace
+
+std::optional<FileMappingFilePathHelper::FileInfo> FileMappingFilePathHelper::getUniqueFileInfo(
+    const std::wstring& folder) {
+  if (folder.empty()) {
+    return std::nullopt;
+  }
+  const bool ended = folder.ends_with(L'/') || folder.ends_with(L'\\');
+  FileInfo info;
+  info.number = nextNumber++;
+  info.path = (ended ? folder : folder + L'/') + prefix() + std::to_wstring(info.number);
+  info.path += kExtension;
+  return info;
+}
+
+// Put together anew each time: a forked process has another id.
+std::wstring FileMappingFilePathHelper::prefix() {
+  return L"process_" + std::to_wstring(platform::currentProcessId()) + L'_';
+}
+
+std::optional<std::int32_t> FileMappingFilePathHelper::processIdOf(const std::wstring& path) {
+  const std::wstring stem = std::filesystem::path(path).stem().wstring();
+  const std::size_t first = stem.find(L'_');
+  const std::size_t second = first == std::wstring::npos ? first : stem.find(L'_', first + 1);
+  if (second == std::wstring::npos) {
+    return std::nullopt;
+  }
+  const std::wstring text = stem.substr(first + 1, second - first - 1);
+  constexpr long long kMost = std::numeric_limits<std::int32_t>::max();
+  constexpr long long kLeast = std::numeric_limits<std::int32_t>::min();
+  return static_cast<std::int32_t>(std::clamp(std::wcstoll(text.c_str(), nullptr, 10), kLeast, kMost));
+}
+
+}  // namespace cache
