@@ -433,17 +433,22 @@ TEST(RotationTest, StopsWhenTheCallbackThrows) {
   EXPECT_NE(Image(KvTileImage_Rotate(source.get(), 90, nullptr)), nullptr);
 }
 
-TEST(RotationTest, FailsWhereTheResultDoesNotFitTheBudget) {
+TEST(RotationTest, KeepsAResultBeyondTheBudgetInFiles) {
   KvTileImage_SetMaxMemoryStorageBytes(0x4000000);
   const Image source = allocate(7500, 1000, 1, 8);
   ASSERT_NE(source, nullptr);
-  LogCapture log;
-  EXPECT_EQ(KvTileImage_Rotate(source.get(), 90, nullptr), nullptr);
-  EXPECT_EQ(log.take(),
-            errors({"[TileManager::postInitializeNormal] blockCenter_ create failed",
-                    "[TileManager::createNormal] postInitialize failed",
-                    "[TileImage::postInitializeNormal] create failed!", "[TileImage::createNormal] create failed"}));
+  const std::uint8_t pixel = 77;
+  ASSERT_TRUE(KvTileImage_SetPixelData(source.get(), 7000, 10, &pixel, 1));
+  LogCapture log(ember_logger::trace);
+  const Image result(KvTileImage_Rotate(source.get(), 90, nullptr));
   KvTileImage_SetMaxMemoryStorageBytes(0x40000000);
+  ASSERT_NE(result, nullptr);
+  EXPECT_THAT(log.take(), testing::Contains(support::LogLine{ember_logger::trace,
+                                                             "[TileManager::postInitializeNormal] use file mapping "
+                                                             "[bForceUseFileMapping:0]"}));
+  std::uint8_t back = 0;
+  EXPECT_TRUE(KvTileImage_GetPixelData(result.get(), 1000 - 1 - 10, 7000, &back, 1));
+  EXPECT_EQ(back, pixel);
 }
 
 }  // namespace

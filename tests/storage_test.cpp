@@ -102,8 +102,6 @@ TEST(BlockCenterTest, RefusesTilesBeyondTheMachinesMemoryBeforeItTakesAny) {
                                     .c_str()}));
 }
 
-TEST(BlockCenterTest, OffersHeapMemoryOnly) { EXPECT_EQ(BlockCenter::create(sizes(1, 1, 0, 0, 0, 8), false), nullptr); }
-
 TEST(MemoryByteCounterTest, RaisesSmallBudgetsToSixtyFourMebibytes) {
   TileImageMemoryByteCounter counter;
   EXPECT_EQ(counter.maxBytes(), 0x40000000U);

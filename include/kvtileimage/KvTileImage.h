@@ -95,8 +95,12 @@ KVTILEIMAGE_API void KvTileImage_SetMaxMemoryStorageBytes(uint64_t bytes) KVTILE
  *   bForceUseFileMapping   not 0: do not keep the image in heap memory, whatever the budget says
  *   scanlineOperation      KVTI_SCANLINE_OPERATION_ROW, _COL or _ROWCOL; looked at for images kept in files only
  * Returns the image, or null if one of the four sizes is 0, if their product does not fit 64 bits, or if the storage
- * cannot be had; an image beyond the machine's memory and swap space is refused at once. This release keeps images in
- * heap memory only: an image beyond the budget, or with bForceUseFileMapping set, is refused. */
+ * cannot be had.
+ *
+ * An image that does not fit the budget, or with bForceUseFileMapping set, is kept in files of the library's own, one
+ * per tile, which are deleted when it is released; docs/files-on-disk.md tells where they are. It needs as much room on
+ * the disk as its tiles take; null, with nothing left on the disk, if there is less. Only the tiles that are being used
+ * take memory: those that the last transfer of each thread touched. */
 KVTILEIMAGE_API TileImageHandle* KvTileImage_AllocEx(uint32_t width, uint32_t height, uint32_t samplesPerPixel,
                                                      uint32_t bitsPerSample, uint32_t sampleformat,
                                                      uint8_t bForceUseFileMapping,
@@ -145,6 +149,13 @@ KVTILEIMAGE_API uint64_t KvTileImage_GetRowScanlineSuitableBytes(const TileImage
 KVTILEIMAGE_API uint64_t KvTileImage_GetColScanlineSuitableBytes(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
 
 /* ---- Pixel, row and column transfer ----------------------------------------------------------------------------- */
+
+/* Bracket a batch of transfers that the calling thread makes on an image. Neither is needed for a transfer. For images
+ * kept in files, End lets go of the tiles that this thread's last transfer touched; a thread that has ended without it
+ * leaves them in memory (as pages that the system can take back) until the image is released, so call it at the end of
+ * a thread's work. Begin does nothing so far. Neither does anything for images in heap memory or a null handle. */
+KVTILEIMAGE_API void KvTileImage_BeginCurrentThreadIO(TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API void KvTileImage_EndCurrentThreadIO(TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
 
 /* Get... copies from the image into `buffer`, Set... from `buffer` into the image. `buffer` belongs to the caller and
  * holds `bufferBytes` bytes, at least as many as the run occupies; bytes behind the run are neither read nor written.

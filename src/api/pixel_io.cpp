@@ -12,6 +12,20 @@ uint8_t* asSource(const uint8_t* buffer) { return const_cast<uint8_t*>(buffer); 
 
 }  // namespace
 
+void KvTileImage_BeginCurrentThreadIO(TileImageHandle* image) noexcept {
+  api::withImage(image, false, [](TileImage& it) {
+    it.beginCurrentThreadIO();
+    return true;
+  });
+}
+
+void KvTileImage_EndCurrentThreadIO(TileImageHandle* image) noexcept {
+  api::withImage(image, false, [](TileImage& it) {
+    it.endCurrentThreadIO();
+    return true;
+  });
+}
+
 bool KvTileImage_GetPixelData(TileImageHandle* image, uint32_t x, uint32_t y, uint8_t* buffer,
                               uint64_t bufferBytes) noexcept {
   return api::withImage(

@@ -41,6 +41,10 @@ class TileImage {
   bool copyColData(std::uint32_t x, std::uint32_t y1, std::uint32_t y2, std::uint8_t* buffer, std::uint64_t bufferBytes,
                    Direction direction);
 
+  // The calling thread begins, or is done with, a batch of accesses; what it alone holds in memory is let go then.
+  void beginCurrentThreadIO() { tileManager_->beginCurrentThreadIO(); }
+  void endCurrentThreadIO() { tileManager_->endCurrentThreadIO(); }
+
   std::uint32_t width() const { return width_; }
   std::uint32_t height() const { return height_; }
   const PixelFormat& format() const { return format_; }

@@ -17,7 +17,7 @@ class TileImage;
 class TileManager {
  public:
   // Divides `owner`, which outlives the manager, into tiles and allocates them: in heap memory if the process's budget
-  // has room for the image and `bForceUseFileMapping` is false. Empty, with a logged reason, on failure.
+  // has room for the image and `bForceUseFileMapping` is false, else in files. Empty, with a logged reason, on failure.
   static std::shared_ptr<TileManager> createNormal(const TileImage& owner, bool bForceUseFileMapping);
 
   explicit TileManager(const TileImage& owner) : owner_(owner) {}
@@ -28,6 +28,10 @@ class TileManager {
   // Announces to the storage that the calling thread is about to read (or, with `bWrite`, write) the pixel columns
   // [x1, x2) and rows [y1, y2). False, with a logged reason, if the rectangle is empty.
   bool adjustCache(std::uint32_t x1, std::uint32_t x2, std::uint32_t y1, std::uint32_t y2, bool bWrite);
+
+  // The calling thread begins, or is done with, a batch of accesses; see BlockCenter::IStorageStrategy.
+  void beginCurrentThreadIO() { blockCenter_->storage().beginCurrentThreadIO(); }
+  void endCurrentThreadIO() { blockCenter_->storage().endCurrentThreadIO(); }
 
   const TileGrid& grid() const { return *grid_; }
 

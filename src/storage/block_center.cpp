@@ -1,15 +1,27 @@
 #include "storage/block_center.h"
 
+#include <exception>
+
 #include "base/log.h"
 #include "base/process_values.h"
+#include "cache/file_mapping_dir_helper.h"
+#include "storage/file_mapping_storage_strategy.h"
 #include "storage/memory_storage_strategy.h"
 
 namespace storage {
+namespace {
 
-std::shared_ptr<BlockCenter> BlockCenter::create(const TileByteSizes& tileByteSizes, bool useMemory) {
-  if (!useMemory) {
-    return nullptr;
+// An image in heap memory does not fail because no cache folder can be had; one that needs a folder finds out itself.
+void cleanUpOnce() {
+  try {
+    cache::FileMappingDirHelper::instance()->clearRubbish();
+  } catch (const std::exception& exception) {
+    base::logger().log(ember_logger::warning, "[%s] there is no cache folder: %s", "BlockCenter::create",
+                       exception.what());
   }
+}
+
+std::shared_ptr<MemoryStorageStrategy> createInMemory(const TileByteSizes& tileByteSizes) {
   const std::uint64_t available = base::totalMemoryBytes();
   if (tileByteSizes.total() > available) {
     // The system would hand it out all the same, tile by tile, and end the process when the tiles are written.
@@ -17,7 +29,19 @@ std::shared_ptr<BlockCenter> BlockCenter::create(const TileByteSizes& tileByteSi
                        "BlockCenter::create", base::ull{tileByteSizes.total()}, base::ull{available});
     return nullptr;
   }
-  std::shared_ptr<IStorageStrategy> storage = MemoryStorageStrategy::create(tileByteSizes);
+  return MemoryStorageStrategy::create(tileByteSizes);
+}
+
+}  // namespace
+
+std::shared_ptr<BlockCenter> BlockCenter::create(const TileByteSizes& tileByteSizes, bool useMemory) {
+  cleanUpOnce();
+  std::shared_ptr<IStorageStrategy> storage;
+  if (useMemory) {
+    storage = createInMemory(tileByteSizes);
+  } else {
+    storage = FileMappingStorageStrategy::createNormal(tileByteSizes);
+  }
   return storage == nullptr ? nullptr : std::make_shared<BlockCenter>(std::move(storage));
 }
 

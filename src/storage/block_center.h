@@ -38,9 +38,9 @@ class BlockCenter {
     std::vector<std::vector<std::shared_ptr<Block>>> blocks_;  // [tile row][tile column]
   };
 
-  // Makes the storage for tiles of the given sizes in heap memory. Null, with a logged reason, if it cannot be had;
-  // more than the machine's memory and swap space is refused at once. Without `useMemory` null: files are not offered
-  // yet.
+  // Makes the storage for tiles of the given sizes, in heap memory or in files. Null, with a logged reason, if it
+  // cannot be had; more heap memory than the machine has, swap space included, is refused at once. The first call in a
+  // process removes what dead processes of its program left on the disks.
   static std::shared_ptr<BlockCenter> create(const TileByteSizes& tileByteSizes, bool useMemory);
 
   explicit BlockCenter(std::shared_ptr<IStorageStrategy> storage) : storage_(std::move(storage)) {}

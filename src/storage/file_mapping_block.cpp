@@ -1,0 +1,73 @@
+#include "storage/file_mapping_block.h"
+
+#include <exception>
+
+#include "base/log.h"
+#include "storage/file_mapping_storage_strategy.h"
+
+namespace storage {
+
+using base::ull;
+
+std::uint8_t* FileMappingBlock::load() {
+  constexpr const char* kName = "FileMappingBlock::load";
+  std::uint8_t* const bytes = buf_;
+  if (useCount_ == 0) {
+    base::logger().log(ember_logger::error,
+                       "[%s] useCount_ is zero, buf addr is %p check your code! rowIndex:%llu colIndex:%llu", kName,
+                       static_cast<const void*>(bytes), ull{rowIndex_}, ull{colIndex_});
+    return nullptr;
+  }
+  if (bytes == nullptr) {
+    base::logger().log(ember_logger::error, "[%s] buf_ is nullptr, check your code! rowIndex:%llu colIndex:%llu", kName,
+                       ull{rowIndex_}, ull{colIndex_});
+  }
+  return bytes;
+}
+
+bool FileMappingBlock::map() {
+  try {
+    region_ = std::make_shared<win_interprocess::mapped_region>(owner_.file(fileIndex_), win_interprocess::kReadWrite,
+                                                                kOffset, size());
+    buf_ = region_->address();
+    return true;
+  } catch (const std::exception& exception) {
+    base::logger().log(ember_logger::error, "[%s] ensureValid failed [reason: exception %s]",
+                       "FileMappingBlock::ensureValidAndUse", exception.what());
+    return false;
+  }
+}
+
+bool FileMappingBlock::ensureValidAndUse(bool bWrite) {
+  const std::lock_guard lock(mutex_);
+  if (region_ == nullptr && !map()) {
+    return false;
+  }
+  write_ = write_ || bWrite;
+  ++useCount_;
+  return true;
+}
+
+bool FileMappingBlock::tryFlushAndResetMappedRegion() {
+  const std::lock_guard lock(mutex_);
+  if (useCount_ == 0) {
+    base::logger().log(ember_logger::warning, "[%s] block is already flushed and reset,check your code",
+                       "FileMappingBlock::tryFlushAndResetMappedRegion");
+    return true;
+  }
+  if (--useCount_ > 0) {
+    return false;
+  }
+  if (region_ == nullptr) {
+    return false;
+  }
+  if (write_) {
+    owner_.flusher().flush(region_, rowIndex_, colIndex_);
+    write_ = false;
+  }
+  buf_ = nullptr;
+  region_.reset();
+  return true;
+}
+
+}  // namespace storage

@@ -1,0 +1,54 @@
+// One tile in a memory-mapped file.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "platform/win_interprocess.h"
+#include "storage/block.h"
+
+namespace storage {
+
+class FileMappingStorageStrategy;
+
+// Mapped while it has users, the thread areas that cover it; the last one that leaves unmaps it.
+class FileMappingBlock final : public Block {
+ public:
+  // The bytes are the first `size` ones of the file at `fileIndex` of `owner`, which outlives the block.
+  FileMappingBlock(std::uint64_t size, const FileMappingStorageStrategy& owner, std::uint64_t rowIndex,
+                   std::uint64_t colIndex, std::uint64_t fileIndex)
+      : Block(size), owner_(owner), rowIndex_(rowIndex), colIndex_(colIndex), fileIndex_(fileIndex) {}
+
+  // Null, with a logged reason, without a user.
+  std::uint8_t* load() override;
+  void release() override {}
+
+  // Maps the block if it is not and counts one user more. False, with a logged reason and nothing counted, if it cannot
+  // be mapped.
+  bool ensureValidAndUse(bool bWrite);
+
+  // Counts one user less. The last one unmaps the block, flushed if any user since it was mapped asked to write: true
+  // then, and for a block without users; false while others use it.
+  bool tryFlushAndResetMappedRegion();
+
+  std::uint32_t useCount() const { return useCount_; }
+
+ private:
+  bool map();
+
+  static constexpr std::uint64_t kOffset = 0;  // each file holds one block
+
+  const FileMappingStorageStrategy& owner_;
+  std::uint64_t rowIndex_;
+  std::uint64_t colIndex_;
+  std::uint64_t fileIndex_;
+  std::mutex mutex_;  // guards what follows; load reads the two atomics without it
+  std::atomic<std::uint8_t*> buf_{nullptr};
+  std::atomic<std::uint32_t> useCount_{0};
+  bool write_ = false;
+  std::shared_ptr<win_interprocess::mapped_region> region_;
+};
+
+}  // namespace storage

@@ -1,0 +1,38 @@
+// A folder of a test's own.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <string>
+
+namespace support {
+
+// New and empty; removed with all that is in it.
+class ScratchFolder {
+ public:
+  ScratchFolder() {
+    static std::atomic<unsigned> made{0};
+    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+    do {
+      path_ = std::filesystem::temp_directory_path() /
+              ("kvtile-test-" + std::to_string(now) + "-" + std::to_string(made++));
+    } while (!std::filesystem::create_directory(path_));
+  }
+  ~ScratchFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  ScratchFolder(const ScratchFolder&) = delete;
+  ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+  const std::filesystem::path& path() const { return path_; }
+
+  // As the library writes folders: wide, with "/" between the components and at the end.
+  std::wstring wide() const { return path_.generic_wstring() + L"/"; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+}  // namespace support
