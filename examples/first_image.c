@@ -6,7 +6,7 @@
 
 int main(void) {
   static uint8_t row[20000];
-  KvTileImage_SetMaxMemoryStorageBytes((uint64_t)8 << 30); /* at least 8 times the bytes of all images together */
+  KvTileImage_SetMaxMemoryStorageBytes((uint64_t)8 << 30); /* heap memory up to an eighth of it, files beyond */
   TileImageHandle* image = KvTileImage_Alloc(20000, 10000, 1, 8, KVTI_SAMPLEFORMAT_UINT, 0);
   for (uint32_t y = 0; image != NULL && y < 10000; ++y) {
     for (uint32_t x = 0; x < 20000; ++x) row[x] = (uint8_t)(x / 100 + y / 50);

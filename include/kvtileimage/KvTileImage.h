@@ -85,7 +85,7 @@ KVTILEIMAGE_API void KvTileImage_VersionString(const char** out) KVTILEIMAGE_NOE
  * minus the bytes that live heap images use; an image of at most 8192 bits as long as they use less than twice the
  * budget. With the initial budget this keeps pixels of up to 128 MiB in memory. To keep pixels of n bytes there, set a
  * budget of more than 8 * n plus the bytes in use. The tiles of an image count and take a little more than its pixels:
- * the width is rounded up to a multiple of 8. */
+ * the width is rounded up to a multiple of 8. Every other image is kept in files; see KvTileImage_AllocEx. */
 KVTILEIMAGE_API void KvTileImage_SetMaxMemoryStorageBytes(uint64_t bytes) KVTILEIMAGE_NOEXCEPT;
 
 /* ---- Allocation and release ------------------------------------------------------------------------------------- */
