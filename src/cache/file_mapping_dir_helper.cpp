@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 #include <set>
+#include <stdexcept>
 
 #include "base/log.h"
 #include "cache/file_mapping_file_path_helper.h"
@@ -71,12 +72,16 @@ rapidjson::Document defaultConfiguration() {
   return document;
 }
 
-std::vector<std::wstring> configuredRoots(const rapidjson::Value& list) {
+std::vector<std::wstring> configuredRoots(const rapidjson::Value& list, const std::wstring& configuration) {
   std::vector<std::wstring> roots;
-  for (const auto& element : list.GetArray()) {
-    if (element.IsString() && element.GetStringLength() > 0) {
-      roots.push_back(platform::fromUtf8({element.GetString(), element.GetStringLength()}));
+  try {
+    for (const auto& element : list.GetArray()) {
+      if (element.IsString() && element.GetStringLength() > 0) {
+        roots.push_back(platform::fromUtf8({element.GetString(), element.GetStringLength()}));
+      }
     }
+  } catch (const std::range_error& error) {
+    throw std::range_error("a folder in " + shownUtf8(configuration) + " is " + error.what());
   }
   return roots;
 }
@@ -119,7 +124,7 @@ bool FileMappingDirHelper::getFromConfigW(std::vector<std::wstring>& list, bool&
     return false;
   }
   if (const auto* roots = findMember(*desc, "rootDirList"); roots != nullptr && roots->IsArray()) {
-    list = configuredRoots(*roots);
+    list = configuredRoots(*roots, path);
   }
   if (const auto* alternate = findMember(*desc, "bAlternateUseDisk")) {
     bAlternateUseDisk = alternate->IsTrue();
@@ -140,32 +145,33 @@ bool FileMappingDirHelper::initRootDirList() {
   }
   rootDirList_.clear();
   std::set<std::wstring> drives;
+  std::vector<std::string> leftOut;
   for (const std::wstring& candidate : roots) {
     const std::wstring root = settled(candidate);
-    if (drives.insert(platform::driveKey(root)).second) {
-      appendCacheFolder(root, configured);
+    const std::wstring drive = platform::driveKey(root);
+    if (drives.contains(drive)) {
+      continue;
     }
+    const std::wstring folder = withSlash(root) + host_.tag() + L'/';
+    if (const std::error_code error = platform::createFolders(folder); !error) {
+      drives.insert(drive);
+      rootDirList_.push_back(folder);
+    } else if (configured) {
+      // What the user asked for has to work; a default folder may lie where this user must not write.
+      throw std::filesystem::filesystem_error("create_directories(p): invalid argument", folder, error);
+    } else {
+      leftOut.push_back(shownUtf8(folder) + " cannot be made and is left out: " + error.message());
+    }
+  }
+  for (const std::string& reason : leftOut) {
+    base::logger().log(rootDirList_.empty() ? ember_logger::error : ember_logger::warning, "[%s] %s", kInitRootDirList,
+                       reason.c_str());
   }
   if (rootDirList_.empty()) {
     base::logger().log(ember_logger::error, "[%s] rootDirList is empty", kInitRootDirList);
     return false;
   }
   return true;
-}
-
-// A root that the user asked for has to work. A default one may lie where this user must not write.
-void FileMappingDirHelper::appendCacheFolder(const std::wstring& root, bool configured) {
-  const std::wstring folder = withSlash(root) + host_.tag() + L'/';
-  const std::error_code error = platform::createFolders(folder);
-  if (!error) {
-    rootDirList_.push_back(folder);
-    return;
-  }
-  if (configured) {
-    throw std::filesystem::filesystem_error("create_directories(p): invalid argument", folder, error);
-  }
-  base::logger().log(ember_logger::warning, "[%s] %s cannot be made and is left out: %s", kInitRootDirList,
-                     shownUtf8(folder).c_str(), error.message().c_str());
 }
 
 bool FileMappingDirHelper::hasRoom(std::size_t index, std::uint64_t fileBytes) const {

@@ -45,13 +45,12 @@ class FileMappingDirHelper {
   void clearRubbish();
 
   // Reads the configured roots and the flag; writes the default file if there is none. False if the file cannot be
-  // used; the list is empty and the flag true then, unless it was read before the fault.
+  // used; the list is empty and the flag true then. Throws std::range_error if a root is not UTF-8.
   bool getFromConfigW(std::vector<std::wstring>& list, bool& bAlternateUseDisk) const;
 
  private:
   bool initRootDirList();
   std::vector<std::wstring> defaultRoots() const;
-  void appendCacheFolder(const std::wstring& root, bool configured);
   bool lockForCleanUp();
   void removeLeftovers() const;
   std::vector<std::wstring> backingFiles() const;

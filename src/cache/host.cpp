@@ -2,24 +2,34 @@
 
 #include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/uuid_io.hpp>
+#include <filesystem>
 
 #include "platform/paths.h"
 #include "platform/program_name.h"
 
 namespace cache {
+namespace {
+
+constexpr const wchar_t* kHostCacheRoot = L"KvTileImageFileMappingCaches/";
+
+}  // namespace
 
 Host Host::current() { return {platform::executablePath(), platform::localDataFolder()}; }
 
 Host::Host(std::wstring executable, const std::wstring& userData)
     : executable_(std::move(executable)), dataFolder_(userData + L"Korvane/KvTileImage/") {
   const std::wstring folder = executable_.substr(0, executable_.rfind(L'/') + 1);
-  hostFolder_ = platform::mayHoldHostFiles(folder) ? folder : dataFolder_;
+  std::error_code unknown;
+  // Another user of the same program may have made the folder there for himself.
+  const bool ours = platform::mayHoldHostFiles(folder) && (!std::filesystem::exists(folder + kHostCacheRoot, unknown) ||
+                                                           platform::mayHoldHostFiles(folder + kHostCacheRoot));
+  hostFolder_ = ours ? folder : dataFolder_;
 }
 
 // Programs look for these names as they are spelled.
 std::wstring Host::configurationFile() const { return dataFolder_ + L"KvTileImage_FileMapingConfig.json"; }
 
-std::wstring Host::hostCacheRoot() const { return hostFolder_ + L"KvTileImageFileMappingCaches/"; }
+std::wstring Host::hostCacheRoot() const { return hostFolder_ + kHostCacheRoot; }
 
 std::wstring Host::executableName() const { return executable_.substr(executable_.rfind(L'/') + 1); }
 

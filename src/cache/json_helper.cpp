@@ -81,12 +81,10 @@ bool writeDocument(const std::wstring& path, const rapidjson::Value& value, bool
     logFailure("[%s] dir create failed [jsonFilePath:%s]!", kWrite, path);
     return false;
   }
-  platform::Stream stream = platform::openTextForWriting(path);
-  if (stream == nullptr) {
+  if (!platform::writeText(path, {buffer.GetString(), buffer.GetSize()})) {
     logFailure("[%s] jsonFilePath:%s create failed!", kWrite, path);
     return false;
   }
-  std::fwrite(buffer.GetString(), 1, buffer.GetSize(), stream.get());
   return true;
 }
 

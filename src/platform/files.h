@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 namespace platform {
@@ -19,16 +20,16 @@ using Stream = std::unique_ptr<std::FILE, CloseStream>;
 // one read.
 Stream openTextForReading(const std::wstring& path);
 
-// A text file for writing, made if it is missing, emptied if it is not; no other process reads it while it is open.
-// Null if it cannot be opened or is open elsewhere.
-Stream openTextForWriting(const std::wstring& path);
+// Makes `text` the contents of a text file, made if it is missing; no other process reads it meanwhile. False if it
+// cannot be made or is open elsewhere; what it held before is kept then where the system allows that.
+bool writeText(const std::wstring& path, std::string_view text);
 
 // An empty file that no one else can open in this way while the stream lives. Null if someone has it open, or it cannot
 // be made.
 Stream openLockFile(const std::wstring& path);
 
-// Makes, or replaces, a file of `bytes` zero bytes (at least one). Its room on the disk is taken at once where the file
-// system can do that. On failure nothing is left of it.
+// Makes a file of `bytes` zero bytes (at least one). Its room on the disk is taken at once where the file system can do
+// that. Fails with std::errc::file_exists if there is one of that name; on any other failure nothing is left of it.
 std::error_code createZeroFile(const std::string& narrowPath, std::uint64_t bytes);
 
 // Removes a file that belongs to this process. False if that fails.

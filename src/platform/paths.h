@@ -14,8 +14,8 @@ std::wstring localDataFolder();
 // Whether programs may keep files of their own in `folder`, the folder they are started from.
 bool mayHoldHostFiles(const std::wstring& folder);
 
-// The form in which the file calls that know no wide strings take `path`. Characters that this form cannot hold are
-// replaced, and the call then fails to find the file.
+// The form in which the file calls that know no wide strings take `path`. Throws std::range_error, with the path, if
+// that form cannot hold all of its characters.
 std::string narrowPath(const std::wstring& path);
 
 }  // namespace platform

@@ -44,10 +44,4 @@ struct FileIdentity {
   ino_t inode = 0;
 };
 
-// All zeros if the system does not say.
-inline FileIdentity identityOf(const Descriptor& descriptor) {
-  struct stat status {};
-  return fstat(descriptor.get(), &status) == 0 ? FileIdentity(status) : FileIdentity();
-}
-
 }  // namespace platform

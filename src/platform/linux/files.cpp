@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 
@@ -22,22 +23,24 @@ std::error_code lastError() { return {errno, std::generic_category()}; }
 // Opens the regular file `path` and locks it as `lock` says, without waiting. What is locked is the file that has the
 // name then: one that was removed between the two steps is let go and the name opened anew.
 Descriptor openLocked(const std::string& path, int flags, int lock) {
-  for (;;) {
+  constexpr int kAttempts = 100;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
     // Opening a pipe would wait for its other end.
     Descriptor descriptor(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, kFileRights));
     struct stat opened {};
     if (!descriptor.valid() || fstat(descriptor.get(), &opened) != 0 || !S_ISREG(opened.st_mode)) {
-      return Descriptor();
+      break;
     }
     // A reader who finds that the file system has no locks goes without.
     if (flock(descriptor.get(), lock | LOCK_NB) != 0 && (lock != LOCK_SH || errno == EWOULDBLOCK)) {
-      return Descriptor();
+      break;
     }
     struct stat named {};
     if (stat(path.c_str(), &named) == 0 && FileIdentity(named) == FileIdentity(opened)) {
       return descriptor;
     }
   }
+  return Descriptor();
 }
 
 Stream streamOf(Descriptor descriptor, const char* mode) {
@@ -48,30 +51,72 @@ Stream streamOf(Descriptor descriptor, const char* mode) {
   return stream;
 }
 
-// Emptied only once it is locked: whoever holds it keeps its contents.
-Stream openEmptied(const std::wstring& path) {
-  Descriptor descriptor = openLocked(narrowPath(path), O_RDWR | O_CREAT | O_NOFOLLOW, LOCK_EX);
-  if (!descriptor.valid() || ftruncate(descriptor.get(), 0) != 0) {
-    return nullptr;
-  }
-  return streamOf(std::move(descriptor), "w");
+// Whether a file may grow to `bytes`: the system ends a process that goes beyond its limit.
+bool withinFileSizeLimit(std::uint64_t bytes) {
+  struct rlimit limit {};
+  return getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY || bytes <= limit.rlim_cur;
 }
 
-// Takes the room for the file's bytes, so that no later write into a view of it finds the disk full.
+bool writeAll(const Descriptor& descriptor, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(descriptor.get(), text.data(), text.size());
+    if (written < 0 && errno != EINTR) {
+      return false;
+    }
+    text.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+  }
+  return true;
+}
+
+// A new file beside `path` that takes its name only when it is complete: nobody sees a part, and a full disk leaves
+// what was there.
+bool replaceFile(const std::string& path, std::string_view text) {
+  const std::string part = path + "." + std::to_string(getpid()) + "-" + std::to_string(gettid()) + ".part";
+  unlink(part.c_str());  // of a process that had this id
+  const Descriptor descriptor(open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileRights));
+  if (!descriptor.valid()) {
+    return false;
+  }
+  if (writeAll(descriptor, text) && rename(part.c_str(), path.c_str()) == 0) {
+    return true;
+  }
+  unlink(part.c_str());
+  return false;
+}
+
+// Takes the room for the file's bytes, so that no later write into a view of it finds the disk full. Step by step: a
+// signal undoes the step that it meets.
 std::error_code reserve(const Descriptor& descriptor, std::uint64_t bytes) {
-  struct rlimit limit {};
-  if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY && bytes > limit.rlim_cur) {
-    return std::make_error_code(std::errc::file_too_large);  // trying it would end the process
+  constexpr std::uint64_t kStep = std::uint64_t{64} << 20;
+  for (std::uint64_t begin = 0; begin < bytes;) {
+    const std::uint64_t length = std::min(kStep, bytes - begin);
+    if (fallocate(descriptor.get(), 0, static_cast<off_t>(begin), static_cast<off_t>(length)) == 0) {
+      begin += length;
+    } else if (errno != EINTR) {
+      return lastError();
+    }
   }
-  int result = 0;
-  do {
-    result = fallocate(descriptor.get(), 0, 0, static_cast<off_t>(bytes));
-  } while (result != 0 && errno == EINTR);
-  if (result == 0 || (errno != EOPNOTSUPP && errno != ENOSYS)) {
-    return result == 0 ? std::error_code() : lastError();
-  }
+  return {};
+}
+
+// Its full size at once where that takes no room: the file grows with one byte at its end.
+std::error_code extend(const Descriptor& descriptor, std::uint64_t bytes) {
   const char zero = 0;
   return pwrite(descriptor.get(), &zero, 1, static_cast<off_t>(bytes - 1)) == 1 ? std::error_code() : lastError();
+}
+
+std::error_code takeRoom(const Descriptor& descriptor, std::uint64_t bytes) {
+  if (!withinFileSizeLimit(bytes)) {
+    return std::make_error_code(std::errc::file_too_large);
+  }
+  const std::error_code error = reserve(descriptor, bytes);
+  const bool unable = error.value() == EOPNOTSUPP || error.value() == ENOSYS;
+  return unable ? extend(descriptor, bytes) : error;
+}
+
+bool isFolder(const std::filesystem::path& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 }  // namespace
@@ -80,17 +125,29 @@ Stream openTextForReading(const std::wstring& path) {
   return streamOf(openLocked(narrowPath(path), O_RDONLY, LOCK_SH), "r");
 }
 
-Stream openTextForWriting(const std::wstring& path) { return openEmptied(path); }
+bool writeText(const std::wstring& path, std::string_view text) {
+  const std::string name = narrowPath(path);
+  struct stat present {};
+  const bool replaces = lstat(name.c_str(), &present) == 0;
+  const Descriptor locked = replaces ? openLocked(name, O_RDWR | O_NOFOLLOW, LOCK_EX) : Descriptor();
+  return locked.valid() == replaces && withinFileSizeLimit(text.size()) && replaceFile(name, text);
+}
 
-Stream openLockFile(const std::wstring& path) { return openEmptied(path); }
+// Emptied only once it is locked: whoever holds it keeps its contents.
+Stream openLockFile(const std::wstring& path) {
+  Descriptor descriptor = openLocked(narrowPath(path), O_RDWR | O_CREAT | O_NOFOLLOW, LOCK_EX);
+  if (!descriptor.valid() || ftruncate(descriptor.get(), 0) != 0) {
+    return nullptr;
+  }
+  return streamOf(std::move(descriptor), "w");
+}
 
 std::error_code createZeroFile(const std::string& narrowPath, std::uint64_t bytes) {
-  const Descriptor descriptor(
-      open(narrowPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kFileRights));
+  const Descriptor descriptor(open(narrowPath.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kFileRights));
   if (!descriptor.valid()) {
     return lastError();
   }
-  const std::error_code error = reserve(descriptor, bytes);
+  const std::error_code error = takeRoom(descriptor, bytes);
   if (error) {
     unlink(narrowPath.c_str());
   }
@@ -101,24 +158,24 @@ bool removeFile(const std::string& narrowPath) { return unlink(narrowPath.c_str(
 
 bool removeUnlessInUse(const std::wstring& path) {
   const std::string name = narrowPath(path);
-  const Descriptor held = openLocked(name, O_RDONLY | O_NOFOLLOW, LOCK_EX);
+  // Writable, as network file systems ask of an exclusive lock.
+  const Descriptor held = openLocked(name, O_RDWR | O_NOFOLLOW, LOCK_EX);
   return held.valid() && unlink(name.c_str()) == 0;
 }
 
 std::error_code createFolders(const std::wstring& folder) {
-  const std::filesystem::path whole(narrowPath(folder));
-  std::filesystem::path part;
-  std::error_code failure;
-  for (const auto& component : whole) {
-    part /= component;
-    // The last failure counts: a folder that is there may refuse to be made for many reasons.
-    failure = mkdir(part.c_str(), kFolderRights) == 0 ? std::error_code() : lastError();
+  std::filesystem::path path;
+  for (const auto& component : std::filesystem::path(narrowPath(folder))) {
+    path /= component;
+    // A folder that is there may refuse to be made for many reasons.
+    if (mkdir(path.c_str(), kFolderRights) != 0) {
+      const std::error_code error = lastError();
+      if (!isFolder(path)) {
+        return error.value() == EEXIST ? std::make_error_code(std::errc::not_a_directory) : error;
+      }
+    }
   }
-  struct stat status {};
-  if (stat(whole.c_str(), &status) != 0) {
-    return failure ? failure : lastError();
-  }
-  return S_ISDIR(status.st_mode) ? std::error_code() : std::make_error_code(std::errc::not_a_directory);
+  return {};
 }
 
 }  // namespace platform

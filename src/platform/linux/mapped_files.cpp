@@ -1,14 +1,17 @@
 #include "platform/mapped_files.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <optional>
 
 #include "platform/linux/descriptor.h"
-#include "platform/paths.h"
-#include "platform/system_info.h"
 
 // A descriptor is open only while a view is made: an image has one file per tile, and a process far fewer descriptors
 // than that. A view keeps its file alive by itself.
@@ -23,17 +26,34 @@ using win_interprocess::shared_handle;
 struct MeantFile {
   std::string name;
   std::uint32_t mode;
-  FileIdentity identity;
+  std::uint64_t size;
+  std::optional<FileIdentity> identity;  // where the file system keeps it
 };
+
+// Some file systems number a file anew each time it has not been used for a while.
+bool keepsNumbers(const Descriptor& descriptor) {
+  constexpr std::array<std::uint32_t, 7> kThatDoNot{MSDOS_SUPER_MAGIC, EXFAT_SUPER_MAGIC, FUSE_SUPER_MAGIC,
+                                                    SMB_SUPER_MAGIC,   SMB2_SUPER_MAGIC,  CIFS_SUPER_MAGIC,
+                                                    V9FS_MAGIC};
+  struct statfs status {};
+  return fstatfs(descriptor.get(), &status) == 0 &&
+         std::find(kThatDoNot.begin(), kThatDoNot.end(), static_cast<std::uint32_t>(status.f_type)) == kThatDoNot.end();
+}
 
 int openFlags(std::uint32_t mode) {
   return (mode == win_interprocess::kReadOnly ? O_RDONLY : O_RDWR) | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 }
 
-// The file that is meant, open; an empty descriptor with errno set if it is not there any more.
+// The file that is meant, open; an empty descriptor with errno set if it is not there any more, or has changed.
 Descriptor reopen(const MeantFile& file) {
   Descriptor descriptor(open(file.name.c_str(), openFlags(file.mode)));
-  if (descriptor.valid() && identityOf(descriptor) != file.identity) {
+  struct stat status {};
+  if (!descriptor.valid() || fstat(descriptor.get(), &status) != 0) {
+    return Descriptor();
+  }
+  // The system would map bytes behind the end of a shorter file as well, and end the process when they are touched.
+  if ((file.identity && FileIdentity(status) != *file.identity) || !S_ISREG(status.st_mode) ||
+      static_cast<std::uint64_t>(status.st_size) < file.size) {
     errno = ESTALE;
     return Descriptor();
   }
@@ -66,7 +86,11 @@ OpenMapping openMapping(const std::string& fileName, std::uint32_t mode) {
   if (!S_ISREG(status.st_mode) || status.st_size == 0) {
     fail(EINVAL);
   }
-  const shared_handle handle(new MeantFile{fileName, mode, FileIdentity(status)}, win_interprocess::HandleDeleter());
+  MeantFile file{fileName, mode, static_cast<std::uint64_t>(status.st_size), std::nullopt};
+  if (keepsNumbers(descriptor)) {
+    file.identity = FileIdentity(status);
+  }
+  const shared_handle handle(new MeantFile(std::move(file)), win_interprocess::HandleDeleter());
   return {handle, handle, status.st_size};
 }
 
@@ -75,15 +99,12 @@ std::uint8_t* mapView(const shared_handle& mapping, std::uint32_t mode, std::uin
   if (!allows(file.mode, mode)) {
     throwViewFailed(EACCES);
   }
-  const Descriptor descriptor = reopen(file);
-  struct stat status {};
-  if (!descriptor.valid() || fstat(descriptor.get(), &status) != 0) {
-    throwViewFailed(errno);
-  }
-  // The system would map bytes behind the end as well and end the process when they are touched.
-  const auto size = static_cast<std::uint64_t>(status.st_size);
-  if (start > size || length > size - start) {
+  if (start > file.size || length > file.size - start) {
     throwViewFailed(EINVAL);
+  }
+  const Descriptor descriptor = reopen(file);
+  if (!descriptor.valid()) {
+    throwViewFailed(errno);
   }
   const int access = mode == win_interprocess::kReadOnly ? PROT_READ : PROT_READ | PROT_WRITE;
   const int sharing = mode == win_interprocess::kCopyOnWrite ? MAP_PRIVATE : MAP_SHARED;

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/program_link.h"
 #include "platform/utf8.h"
 
 namespace platform {
@@ -22,7 +23,7 @@ std::string withSlash(const std::string& folder) { return folder.ends_with('/') 
 
 // Absolute paths only: what is relative would mean another folder after each change of the working folder.
 std::string absoluteFrom(const char* variable) {
-  const char* const value = std::getenv(variable);
+  const char* const value = secure_getenv(variable);
   return value != nullptr && *value == '/' ? value : "";
 }
 
@@ -55,7 +56,7 @@ std::wstring executablePath() {
   if (error) {
     throw std::runtime_error("the path of the program cannot be read from /proc/self/exe: " + error.message());
   }
-  return fromUtf8(path.native());
+  return fromUtf8(nameOfProgram(path.native()));
 }
 
 std::wstring localDataFolder() { return fromUtf8(localDataFolderName()); }

@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "platform/linux/program_link.h"
 #include "platform/program_name.h"
 #include "platform/utf8.h"
 
@@ -43,16 +44,16 @@ std::string statusOf(std::int32_t id, std::string_view key) {
 
 // The file name of the program that the process runs, while it can be read.
 std::optional<std::wstring> programOf(std::int32_t id) {
-  constexpr std::string_view kDeleted = " (deleted)";
   std::error_code error;
-  std::string target = std::filesystem::read_symlink(folderOf(id) / "exe", error).native();
+  const path target = std::filesystem::read_symlink(folderOf(id) / "exe", error);
   if (error) {
     return std::nullopt;
   }
-  if (target.ends_with(kDeleted)) {
-    target.resize(target.size() - kDeleted.size());
+  try {
+    return fromUtf8(path(nameOfProgram(target.native())).filename().native());
+  } catch (const std::range_error&) {
+    return L"";  // a name that is not UTF-8 is another program's
   }
-  return fromUtf8(path(target).filename().native());
 }
 
 // What the process calls itself: the first 15 bytes of its program's file name unless it says otherwise.
@@ -67,29 +68,34 @@ bool sameCommand(const std::string& command, const std::wstring& program) {
   return strcasecmp(command.c_str(), name.c_str()) == 0;
 }
 
+// Ended, or never a process: the id of a thread.
 bool gone(std::int32_t id) {
   if (id <= 0 || (kill(id, 0) != 0 && errno == ESRCH)) {
     return true;
   }
-  // An ended process that no one has waited for, or a thread of another process.
   const std::string state = statusOf(id, "State:");
   const std::string process = statusOf(id, "Tgid:");
-  return state == "Z" || state == "X" || (!process.empty() && process != std::to_string(id));
+  const std::string threads = statusOf(id, "Threads:");
+  // What no one has waited for has ended, unless only its first thread has.
+  const bool ended = (state == "Z" || state == "X") && (threads.empty() || threads == "0" || threads == "1");
+  return ended || (!process.empty() && process != std::to_string(id));
 }
 
+// In doubt a process is taken for this program: its files stay, where else it would lose them.
 bool running(std::int32_t id, const std::wstring& executable) {
   if (gone(id)) {
     return false;
   }
-  try {
-    if (const auto program = programOf(id)) {
-      return namesProgram(*program, executable);
-    }
-  } catch (const std::range_error&) {
-    return false;  // a program whose name is not UTF-8 is another one
+  const auto program = programOf(id);
+  if (program && namesProgram(*program, executable)) {
+    return true;
   }
+  // The name that it was started by outlives a renamed file.
   const auto command = commandOf(id);
-  return !command || sameCommand(*command, executable) || sameCommand(*command, std::wstring(programStem(executable)));
+  if (!command || sameCommand(*command, executable) || sameCommand(*command, std::wstring(programStem(executable)))) {
+    return true;
+  }
+  return !program && statusOf(id, "Uid:") == std::to_string(getuid());
 }
 
 }  // namespace

@@ -15,10 +15,15 @@ namespace platform {
 namespace {
 
 // File systems that are served by another machine or by a program, or that are memory.
-constexpr std::array<std::uint32_t, 13> kNotFixed{
+constexpr std::array<std::uint32_t, 18> kNotFixed{
     NFS_SUPER_MAGIC, SMB_SUPER_MAGIC,  SMB2_SUPER_MAGIC, CIFS_SUPER_MAGIC, FUSE_SUPER_MAGIC,
     V9FS_MAGIC,      CEPH_SUPER_MAGIC, AFS_SUPER_MAGIC,  CODA_SUPER_MAGIC, OCFS2_SUPER_MAGIC,
-    0x01161970,  // GFS2, which has no name in the header
+    0x01161970,  // GFS2; these have no name in the header
+    0x0BD00BD0,  // Lustre
+    0x47504653,  // GPFS
+    0x19830326,  // BeeGFS
+    0x6B414653,  // kAFS
+    0x786F4256,  // folders that a virtual machine shares with its host
     TMPFS_MAGIC,     RAMFS_MAGIC,
 };
 

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "platform/utf8.h"
+
 namespace platform {
 namespace {
 
@@ -39,12 +41,17 @@ std::wstring localDataFolder() {
 bool mayHoldHostFiles(const std::wstring&) { return true; }
 
 std::string narrowPath(const std::wstring& path) {
-  const int bytes = WideCharToMultiByte(CP_ACP, 0, path.c_str(), -1, nullptr, 0, nullptr, nullptr);
-  if (bytes <= 0) {
-    return "";
+  // Without best fits: a similar letter would name another folder.
+  const bool utf8 = GetACP() == CP_UTF8;
+  const DWORD flags = utf8 ? 0 : WC_NO_BEST_FIT_CHARS;
+  BOOL replaced = FALSE;
+  BOOL* const tellReplaced = utf8 ? nullptr : &replaced;
+  const int bytes = WideCharToMultiByte(CP_ACP, flags, path.c_str(), -1, nullptr, 0, nullptr, tellReplaced);
+  if (bytes <= 0 || replaced != FALSE) {
+    throw std::range_error(shownUtf8(path) + " has characters that this system's code page lacks: use another folder");
   }
   std::string narrow(static_cast<std::size_t>(bytes), '\0');
-  WideCharToMultiByte(CP_ACP, 0, path.c_str(), -1, narrow.data(), bytes, nullptr, nullptr);
+  WideCharToMultiByte(CP_ACP, flags, path.c_str(), -1, narrow.data(), bytes, nullptr, nullptr);
   narrow.pop_back();  // the terminating zero, which was counted
   return narrow;
 }

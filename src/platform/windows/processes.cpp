@@ -1,7 +1,8 @@
 #include "platform/processes.h"
 
-#include <tlhelp32.h>
 #include <windows.h>
+// Uses the types of the header above.
+#include <tlhelp32.h>
 
 #include <map>
 #include <memory>
@@ -32,6 +33,9 @@ std::optional<std::map<std::int32_t, std::wstring>> runningPrograms() {
   do {
     programs[static_cast<std::int32_t>(entry.th32ProcessID)] = entry.szExeFile;
   } while (Process32NextW(handle, &entry) != 0);
+  if (GetLastError() != ERROR_NO_MORE_FILES) {
+    return std::nullopt;  // a part of them would make the rest look dead
+  }
   return programs;
 }
 
