@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 
+#include "base/log.h"
 #include "core/tile_image.h"
 
 // A heap cell of one pointer. The image is never shared between two handles.
@@ -27,6 +28,9 @@ Result withImage(Handle* handle, Result onFailure, Action&& action) noexcept {
   }
   try {
     return action(*handle->image);
+  } catch (const std::bad_alloc&) {
+    base::logger().log(ember_logger::error, "[%s] there is no memory for the work itself", "api::withImage");
+    return onFailure;
   } catch (...) {
     return onFailure;
   }

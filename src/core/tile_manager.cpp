@@ -134,8 +134,7 @@ bool TileManager::adjustCache(std::uint32_t x1, std::uint32_t x2, std::uint32_t 
     base::logger().log(ember_logger::error, "[%s] check your code", "TileManager::adjustCache");
     return false;
   }
-  blockCenter_->storage().updateCache(grid_->tilesCovering(x1, x2, y1, y2), bWrite);
-  return true;
+  return blockCenter_->storage().updateCache(grid_->tilesCovering(x1, x2, y1, y2), bWrite);
 }
 
 void TileManager::logGrid() const {

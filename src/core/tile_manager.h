@@ -26,7 +26,7 @@ class TileManager {
   TileManager& operator=(const TileManager&) = delete;
 
   // Announces to the storage that the calling thread is about to read (or, with `bWrite`, write) the pixel columns
-  // [x1, x2) and rows [y1, y2). False, with a logged reason, if the rectangle is empty.
+  // [x1, x2) and rows [y1, y2). False, with a logged reason, if the rectangle is empty or a tile cannot be had.
   bool adjustCache(std::uint32_t x1, std::uint32_t x2, std::uint32_t y1, std::uint32_t y2, bool bWrite);
 
   // The calling thread begins, or is done with, a batch of accesses; see BlockCenter::IStorageStrategy.

@@ -1,5 +1,6 @@
 #include "storage/block_center.h"
 
+#include <atomic>
 #include <exception>
 
 #include "base/log.h"
@@ -13,9 +14,14 @@ namespace {
 
 // An image in heap memory does not fail because no cache folder can be had; one that needs a folder finds out itself.
 void cleanUpOnce() {
+  static std::atomic<bool> failed{false};
+  if (failed) {
+    return;
+  }
   try {
     cache::FileMappingDirHelper::instance()->clearRubbish();
   } catch (const std::exception& exception) {
+    failed = true;
     base::logger().log(ember_logger::warning, "[%s] there is no cache folder: %s", "BlockCenter::create",
                        exception.what());
   }

@@ -28,8 +28,9 @@ class BlockCenter {
     virtual void endCurrentThreadIO() = 0;
 
     // Announces that the calling thread accesses the tiles of `area` next, for writing if `write`: makes their blocks
-    // loadable and may let go of blocks that this thread used before. Comes before every row or column access.
-    virtual void updateCache(const TileArea& area, bool write) = 0;
+    // loadable and may let go of blocks that this thread used before. Comes before every row or column access. False,
+    // with a logged reason, if a block cannot be made loadable; the thread must not access any of them then.
+    virtual bool updateCache(const TileArea& area, bool write) = 0;
 
     // The block of the tile at (row, column), both inside the grid.
     const std::shared_ptr<Block>& block(std::uint64_t row, std::uint64_t column) const { return blocks_[row][column]; }

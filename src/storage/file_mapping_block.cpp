@@ -1,6 +1,8 @@
 #include "storage/file_mapping_block.h"
 
 #include <exception>
+#include <string>
+#include <system_error>
 
 #include "base/log.h"
 #include "storage/file_mapping_storage_strategy.h"
@@ -8,6 +10,17 @@
 namespace storage {
 
 using base::ull;
+
+namespace {
+
+constexpr const char* kEnsureValidAndUse = "FileMappingBlock::ensureValidAndUse";
+
+void logFailedMapping(const std::exception& exception) {
+  base::logger().log(ember_logger::error, "[%s] ensureValid failed [reason: exception %s]", kEnsureValidAndUse,
+                     exception.what());
+}
+
+}  // namespace
 
 std::uint8_t* FileMappingBlock::load() {
   constexpr const char* kName = "FileMappingBlock::load";
@@ -31,11 +44,15 @@ bool FileMappingBlock::map() {
                                                                 kOffset, size());
     buf_ = region_->address();
     return true;
+  } catch (const win_interprocess::interprocess_exception& exception) {
+    const std::string reason = std::system_category().message(static_cast<int>(exception.error_code()));
+    base::logger().log(ember_logger::error, "[%s] %llu bytes of %s cannot be mapped: %s", kEnsureValidAndUse,
+                       ull{size()}, owner_.file(fileIndex_).name().c_str(), reason.c_str());
+    logFailedMapping(exception);
   } catch (const std::exception& exception) {
-    base::logger().log(ember_logger::error, "[%s] ensureValid failed [reason: exception %s]",
-                       "FileMappingBlock::ensureValidAndUse", exception.what());
-    return false;
+    logFailedMapping(exception);
   }
+  return false;
 }
 
 bool FileMappingBlock::ensureValidAndUse(bool bWrite) {

@@ -41,29 +41,22 @@ bool forEachTile(const TileArea& area, const TileArea& kept, Visit visit) {
   return true;
 }
 
-// A disk that is too small shows before anything is written to it. Where the system does not tell, making the files
-// will.
+// A single folder is taken as it is, so that its disk has to be looked at before anything is made: it would be full
+// before a file failed. Of several folders each file finds one with room to spare. Where the system does not tell,
+// making the files will.
 bool roomFor(std::uint64_t bytes, const FileMappingDirHelper& folders) {
-  std::uint64_t available = 0;
-  std::string names;
-  for (const std::wstring& folder : folders.rootDirList()) {
-    const auto inFolder = platform::freeBytes(folder);
-    if (!inFolder) {
-      return true;
-    }
-    available += *inFolder;
-    if (!names.empty()) {
-      names += ", ";
-    }
-    names += shownUtf8(folder);
+  if (folders.rootDirList().size() != 1) {
+    return true;
   }
-  if (bytes <= available) {
+  const std::wstring& folder = folders.rootDirList().front();
+  const auto available = platform::freeBytes(folder);
+  if (!available || bytes <= *available) {
     return true;
   }
   base::logger().log(ember_logger::error,
                      "[%s] the files of the image take %llu bytes, but %s has %llu bytes free: make room, or name a "
                      "folder on a larger disk under \"rootDirList\" in %s",
-                     kPostInitialize, ull{bytes}, names.c_str(), ull{available},
+                     kPostInitialize, ull{bytes}, shownUtf8(folder).c_str(), ull{*available},
                      shownUtf8(folders.host().configurationFile()).c_str());
   return false;
 }
@@ -141,22 +134,27 @@ bool FileMappingStorageStrategy::createFile(const FileMappingDirHelper& folders,
   if (folder.empty()) {
     return fail("[%s] obtain a suitable dir failed");
   }
-  const auto info = FileMappingFilePathHelper::getUniqueFileInfo(folder);
-  if (!info) {
-    return fail("[%s] FileMappingFilePathHelper::getUniqueFileInfo failed");
-  }
-  const std::string path = platform::narrowPath(info->path);
-  if (const std::error_code error = platform::createZeroFile(path, bytes)) {
-    base::logger().log(ember_logger::error, "[%s] %s of %llu bytes cannot be made: %s", kPostInitialize, path.c_str(),
-                       ull{bytes}, error.message().c_str());
+  std::wstring path;
+  std::string narrowPath;
+  std::error_code error;
+  do {
+    const auto info = FileMappingFilePathHelper::getUniqueFileInfo(folder);
+    if (!info) {
+      return fail("[%s] FileMappingFilePathHelper::getUniqueFileInfo failed");
+    }
+    path = info->path;
+    narrowPath = platform::narrowPath(path);
+    error = platform::createZeroFile(narrowPath, bytes);
+    // A process that had this one's id may have left its file, or have it in use still, in another container.
+  } while (error == std::errc::file_exists);
+  if (error) {
+    base::logger().log(ember_logger::error, "[%s] %s of %llu bytes cannot be made: %s", kPostInitialize,
+                       shownUtf8(path).c_str(), ull{bytes}, error.message().c_str());
     return fail("[%s] postInitialize failed [reason: createFile failed]");
   }
-  try {
-    files_.push_back(std::make_shared<win_interprocess::file_mapping>(path, win_interprocess::kReadWrite));
-  } catch (...) {
-    platform::removeFile(path);
-    throw;
-  }
+  files_.push_back({std::move(narrowPath), nullptr});
+  files_.back().mapping =
+      std::make_shared<win_interprocess::file_mapping>(files_.back().narrowPath, win_interprocess::kReadWrite);
   return true;
 }
 
@@ -177,20 +175,20 @@ FileMappingStorageStrategy::~FileMappingStorageStrategy() {
   removeFiles();
 }
 
-// A forked process that ends must not take its parent's files along.
+// A forked process that ends must not take its parent's files along. Needs no memory: images are released for want of
+// it.
 void FileMappingStorageStrategy::removeFiles() noexcept {
   const bool ours = platform::currentProcessId() == processIdOfConstructor_;
   for (auto& file : files_) {
-    const std::string path = file->name();
-    file.reset();
-    if (ours && !platform::removeFile(path)) {
+    file.mapping.reset();
+    if (ours && !platform::removeFile(file.narrowPath)) {
       base::logger().log(ember_logger::warning, "[%s] %s cannot be removed; a later start of this program will",
-                         "FileMappingStorageStrategy::~FileMappingStorageStrategy", path.c_str());
+                         "FileMappingStorageStrategy::~FileMappingStorageStrategy", file.narrowPath.c_str());
     }
   }
 }
 
-void FileMappingStorageStrategy::updateCache(const TileArea& area, bool write) {
+bool FileMappingStorageStrategy::updateCache(const TileArea& area, bool write) {
   if (area.empty()) {
     base::logger().log(ember_logger::error, "[%s] area is empty,check your code!",
                        "FileMappingStorageStrategy::updateCache");
@@ -198,14 +196,18 @@ void FileMappingStorageStrategy::updateCache(const TileArea& area, bool write) {
   TileArea before;
   threadData_->updateArea(area, before);
   if (before == area) {
-    return;
+    return true;
   }
   const TileArea kept = overlap(before, area);
   letGo(before, kept);
-  if (!use(area, kept, write)) {
-    letGo(kept, {});
-    threadData_->clearArea(before);
+  if (use(area, kept, write)) {
+    return true;
   }
+  // All or nothing: a thread whose area has tiles that it does not hold would let go of them later, under the threads
+  // that do.
+  letGo(kept, {});
+  threadData_->clearArea(before);
+  return false;
 }
 
 void FileMappingStorageStrategy::endCurrentThreadIO() {
@@ -226,8 +228,7 @@ void FileMappingStorageStrategy::letGo(const TileArea& area, const TileArea& kep
   });
 }
 
-// A thread that held a part of its area only would later let go of tiles it does not hold, under the threads that do:
-// all of it or nothing.
+// If a tile cannot be mapped, those before it are let go again.
 bool FileMappingStorageStrategy::use(const TileArea& area, const TileArea& kept, bool write) const {
   const FileMappingBlock* failed = nullptr;
   const bool all = forEachTile(area, kept, [&](std::uint64_t row, std::uint64_t column) {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "platform/win_interprocess.h"
@@ -53,11 +54,11 @@ class FileMappingStorageStrategy final : public BlockCenter::IStorageStrategy {
   void endCurrentThreadIO() override;
 
   // Makes `area` the calling thread's area: what leaves it is let go, what enters it is mapped. If a tile cannot be
-  // mapped, which is logged, the thread keeps no tile: its accesses fail, and the next announcement tries again.
-  void updateCache(const TileArea& area, bool write) override;
+  // mapped, the thread keeps none at all; the next announcement tries again.
+  bool updateCache(const TileArea& area, bool write) override;
 
   // The file that blocks refer to by `index`.
-  const win_interprocess::file_mapping& file(std::uint64_t index) const { return *files_[index]; }
+  const win_interprocess::file_mapping& file(std::uint64_t index) const { return *files_[index].mapping; }
 
   Flusher& flusher() const { return *flusher_; }
 
@@ -72,7 +73,12 @@ class FileMappingStorageStrategy final : public BlockCenter::IStorageStrategy {
   void letGo(const TileArea& area, const TileArea& kept) const;
   bool use(const TileArea& area, const TileArea& kept, bool write) const;
 
-  std::vector<std::shared_ptr<win_interprocess::file_mapping>> files_;
+  struct BackingFile {
+    std::string narrowPath;
+    std::shared_ptr<win_interprocess::file_mapping> mapping;
+  };
+
+  std::vector<BackingFile> files_;
   std::shared_ptr<Flusher> flusher_;
   std::shared_ptr<IFileMappingThreadData> threadData_;
   std::uint32_t threadIdOfConstructor_;

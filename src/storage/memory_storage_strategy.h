@@ -37,7 +37,7 @@ class MemoryStorageStrategy final : public BlockCenter::IStorageStrategy {
 
   void beginCurrentThreadIO() override {}
   void endCurrentThreadIO() override {}
-  void updateCache(const TileArea&, bool) override {}
+  bool updateCache(const TileArea&, bool) override { return true; }
 
  private:
   bool postInitialize(const TileByteSizes& tileByteSizes);
