@@ -105,6 +105,14 @@ TEST_F(CommandLineTest, RefusesOtherSizes) {
   }
 }
 
+TEST_F(CommandLineTest, RefusesOtherStorages) {
+  for (const std::string storage : {"disk", "files", "Memory", "-1"}) {
+    EXPECT_THAT(wrongUsage({"convert", "in.png", "out.png", "--storage=" + storage}),
+                HasSubstr("--storage: '" + storage + "' is no storage: allowed are auto, memory and file"));
+  }
+  EXPECT_THAT(wrongUsage({"convert", "in.png", "out.png", "--storage="}), HasSubstr("--storage"));
+}
+
 TEST_F(CommandLineTest, RefusesWhatIsMissingOrTooMuch) {
   EXPECT_THAT(wrongUsage({"bogus"}), HasSubstr("'bogus' is no command"));
   EXPECT_THAT(wrongUsage({"--bogus"}), HasSubstr("no option --bogus"));
@@ -134,14 +142,14 @@ TEST_F(CommandLineTest, HelpNamesEveryOptionAndGivesExamples) {
   const Result all = sandbox_.kvtile({"--help"});
   EXPECT_EQ(all.status, 0);
   EXPECT_EQ(all.err, "");
-  for (const char* word : {"info", "convert", "rotate", "mirror", "--budget", "--verbose", "--quiet", "--force",
-                           "--to-8bit", "--version", "Examples:"}) {
+  for (const char* word : {"info", "convert", "rotate", "mirror", "--budget", "--storage", "--verbose", "--quiet",
+                           "--force", "--to-8bit", "--version", "Examples:"}) {
     EXPECT_THAT(all.out, HasSubstr(word));
   }
   for (const char* command : {"convert", "rotate", "mirror"}) {
     const Result one = sandbox_.kvtile({command, "--help"});
     EXPECT_EQ(one.status, 0);
-    for (const char* word : {"--budget", "--force", "--to-8bit", "Examples:", "IN", "OUT"}) {
+    for (const char* word : {"--budget", "--storage", "--force", "--to-8bit", "Examples:", "IN", "OUT"}) {
       EXPECT_THAT(one.out, HasSubstr(word)) << command;
     }
   }
@@ -165,18 +173,24 @@ TEST_F(CommandLineTest, VerboseShowsWhatTheLibrarySaysAndQuietDoesNot) {
 TEST_F(CommandLineTest, NamesTheBudgetThatWouldDo) {
   // 40000 x 400 pixels of 8 bits: 128 million bits, 16 MB; with a turned copy 144 million.
   support::writePng(sandbox_.path("big.png"), support::pngOf(Raster(40000, 400, 1, 8)));
-  Result result = sandbox_.kvtile({"convert", "--budget", "64M", "big.png", "out.png"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.err, "kvtile: big.png: the image needs 16 MB of memory; run again with --budget 128M\n");
-  result = sandbox_.kvtile({"rotate", "90", "--budget", "128M", "big.png", "out.png"});
+  Result result = sandbox_.kvtile({"convert", "--storage", "memory", "--budget", "64M", "big.png", "out.png"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err,
-            "kvtile: big.png: the image and its turned copy need 32 MB of memory; run again with --budget 192M\n");
+            "kvtile: big.png: the image needs 16 MB of memory; "
+            "run again with --budget 128M, or with --storage file\n");
+  result = sandbox_.kvtile({"rotate", "90", "--storage", "memory", "--budget", "128M", "big.png", "out.png"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err,
+            "kvtile: big.png: the image and its turned copy need 32 MB of memory; "
+            "run again with --budget 192M, or with --storage file\n");
   EXPECT_THAT(sandbox_.names(), testing::ElementsAre("big.png", "in.png"));
-  EXPECT_EQ(sandbox_.kvtile({"convert", "--budget", "128M", "big.png", "out.png"}).status, 0);
-  EXPECT_EQ(sandbox_.kvtile({"rotate", "90", "--budget", "192M", "big.png", "turned.png"}).status, 0);
-  EXPECT_EQ(sandbox_.kvtile({"rotate", "360", "--budget", "128M", "big.png", "whole.png"}).status, 0)
-      << "without a turn there is no second image";
+  const auto inMemory = [this](std::vector<std::string> command, const char* budget, const char* output) {
+    command.insert(command.end(), {"--storage", "memory", "--budget", budget, "big.png", output});
+    return sandbox_.kvtile(command).status;
+  };
+  EXPECT_EQ(inMemory({"convert"}, "128M", "out.png"), 0);
+  EXPECT_EQ(inMemory({"rotate", "90"}, "192M", "turned.png"), 0);
+  EXPECT_EQ(inMemory({"rotate", "360"}, "128M", "whole.png"), 0) << "without a turn there is no second image";
 }
 
 }  // namespace

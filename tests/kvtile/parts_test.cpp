@@ -238,12 +238,78 @@ TEST(TiffWriterTest, NewPixelsGetThePredictorThatSuitsThem) {
 
 // ---- Memory and progress
 
+using kvtile::Placement;
+using kvtile::Storage;
+
 TEST(StorageTest, TheBudgetIsTheLibrarysRule) {
-  // One image: more than its bits.
-  EXPECT_EQ(kvtile::Storage::budgetFor(8000000000, 1), 8000000001U);
-  // Two: the bits of the second beside the bytes of the first, with some room for whole tiles.
-  EXPECT_GT(kvtile::Storage::budgetFor(8000000000, 2), 9000000000U);
-  EXPECT_LT(kvtile::Storage::budgetFor(8000000000, 2), 9200000000U);
+  // One image: more than its bits. Two: the bits of the second beside the bytes of the first, whose rows are filled up
+  // to whole groups of eight pixels: 104 x 10 x 3 bytes, and 16 x 5 bits.
+  EXPECT_EQ(Storage::budgetFor(pictureOf(100, 10, 3, 8), 1), 24001U);
+  EXPECT_EQ(Storage::budgetFor(pictureOf(100, 10, 3, 8), 2), 24001U + 3120);
+  EXPECT_EQ(Storage::budgetFor(pictureOf(13, 5, 1, 1), 1), 66U);
+  EXPECT_EQ(Storage::budgetFor(pictureOf(13, 5, 1, 1), 2), 66U + 10);
+  EXPECT_EQ(Storage::budgetFor(pictureOf(0xffffffff, 0xffffffff, 2, 1), 2), std::nullopt);
+}
+
+constexpr std::uint64_t kMebibyte = 1 << 20;
+
+TEST(StorageTest, AutomaticKeepsInMemoryWhatFitsTheBudget) {
+  // 64 Mi bits and 63 Mi bits, 8 Mi bytes and 7.875 Mi bytes, under 64 Mi, 71 Mi and 72 Mi.
+  const Picture whole = pictureOf(1024, 8192, 1, 8);
+  const Picture smaller = pictureOf(1024, 8064, 1, 8);
+  EXPECT_FALSE(Storage(64 * kMebibyte, Placement::Automatic).keepsInMemory(whole));
+  EXPECT_TRUE(Storage(64 * kMebibyte, Placement::Automatic).keepsInMemory(smaller));
+  EXPECT_TRUE(Storage(64 * kMebibyte + 1, Placement::Automatic).keepsInMemory(whole));
+  EXPECT_FALSE(Storage(64 * kMebibyte, Placement::Automatic).keepsTurnedInMemory(smaller));
+  EXPECT_FALSE(Storage(72 * kMebibyte, Placement::Automatic).keepsTurnedInMemory(whole));
+  EXPECT_TRUE(Storage(72 * kMebibyte + 1, Placement::Automatic).keepsTurnedInMemory(whole));
+  EXPECT_TRUE(Storage(71 * kMebibyte, Placement::Automatic).keepsTurnedInMemory(smaller));
+}
+
+TEST(StorageTest, FilesAreForTheImageAndTheBudgetForItsCopy) {
+  const Storage storage(64 * kMebibyte, Placement::Files);
+  EXPECT_TRUE(storage.forcesFiles());
+  EXPECT_FALSE(storage.keepsInMemory(pictureOf(10, 10, 1, 8)));
+  EXPECT_TRUE(storage.keepsTurnedInMemory(pictureOf(1024, 8064, 1, 8)));
+  EXPECT_FALSE(storage.keepsTurnedInMemory(pictureOf(1024, 8192, 1, 8)));
+}
+
+TEST(StorageTest, OnlyMemoryHasToHoldTheImages) {
+  const Picture picture = pictureOf(1024, 8192, 1, 8);
+  for (const Placement placement : {Placement::Automatic, Placement::Files}) {
+    EXPECT_NO_THROW(Storage(64 * kMebibyte, placement).require("in.png", picture, true));
+  }
+  EXPECT_THROW(Storage(64 * kMebibyte, Placement::Memory).require("in.png", picture, false), kvtile::Failure);
+  EXPECT_NO_THROW(Storage(65 * kMebibyte, Placement::Memory).require("in.png", picture, false));
+  EXPECT_THROW(Storage(65 * kMebibyte, Placement::Memory).require("in.png", picture, true), kvtile::Failure);
+  EXPECT_NO_THROW(Storage(73 * kMebibyte, Placement::Memory).require("in.png", picture, true));
+}
+
+TEST(StorageTest, NothingHoldsWhatCannotBeCounted) {
+  for (const Placement placement : {Placement::Automatic, Placement::Memory, Placement::Files}) {
+    EXPECT_THROW(Storage(0, placement).require("in.tif", pictureOf(0xffffffff, 0xffffffff, 1, 8), false),
+                 kvtile::Failure);
+  }
+}
+
+// A pebibyte: no machine has as much, so the library refuses at once. In a process of its own: the budget stays.
+TEST(ImageTest, AFailureTellsTheLibrarysReason) {
+  const auto fail = [] {
+    kvtile::Console console(false, true);
+    kvtile::LibraryMessages messages(console);
+    const Storage storage(std::uint64_t{1} << 60, Placement::Automatic);
+    try {
+      const kvtile::Image image("in.tif", pictureOf(1 << 30, 1 << 20, 1, 8), storage, messages);
+    } catch (const kvtile::Failure& failure) {
+      console.error(failure.what());
+      std::_Exit(1);
+    }
+    std::_Exit(0);
+  };
+  EXPECT_EXIT(
+      fail(), testing::ExitedWithCode(1),
+      "^kvtile: in.tif: there is not enough memory for the image \\(the tiles take 1125899906842624 bytes, more "
+      "than the machine's [0-9]+ bytes\\); close other programs, or run again with --storage file\n$");
 }
 
 // The library is stopped by an exception from its callback. In a process of its own: the request stays made.
@@ -251,9 +317,9 @@ TEST(ImageTest, ARequestToStopEndsTheTurning) {
   const auto turnAfterRequest = [] {
     kvtile::Console console(false, true);
     kvtile::Progress progress(console);
-    const kvtile::LibraryMessages messages(console);
+    kvtile::LibraryMessages messages(console);
     const Picture picture = pictureOf(100, 100, 1, 8);
-    kvtile::Image image("in.png", picture);
+    kvtile::Image image("in.png", picture, Storage(0, Placement::Automatic), messages);
     kvtile::system::catchStopRequests();
     std::raise(SIGTERM);
     try {
@@ -269,7 +335,9 @@ TEST(ImageTest, ARequestToStopEndsTheTurning) {
 TEST(ImageTest, TheResolutionIsTheImagesToo) {
   Picture picture = pictureOf(10, 10, 1, 8);
   picture.resolution = Resolution{11811, 3937, ResolutionUnit::Metre};
-  kvtile::Image image("in.png", picture);
+  kvtile::Console console(false, true);
+  kvtile::LibraryMessages messages(console);
+  const kvtile::Image image("in.png", picture, Storage(0, Placement::Automatic), messages);
   EXPECT_NEAR(image.dpiX(), 300, 0.01);
   EXPECT_NEAR(image.dpiY(), 100, 0.01);
 }

@@ -89,8 +89,8 @@ void printFacts(const std::vector<Fact>& facts) {
 
 void transform(const TransformRequest& request, Console& console) {
   const FileFormat format = requireKnownExtension(request.output);
-  const LibraryMessages messages(console);
-  const Storage storage(request.budget);
+  LibraryMessages messages(console);
+  const Storage storage(request.budget, request.placement);
 
   std::unique_ptr<Reader> reader = openPicture(request.input, console);
   const Picture stored = reader->picture();
@@ -112,7 +112,7 @@ void transform(const TransformRequest& request, Console& console) {
 
   OutputFile output(request.output, request.force);
   Progress progress(console);
-  Image image(request.input, held);
+  Image image(request.input, held, storage, messages);
   reader->read(image, request.widenTo8Bit, progress);
   reader.reset();
   if (!turn.isIdentity()) {

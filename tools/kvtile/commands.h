@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "console.h"
+#include "image.h"
 #include "turn.h"
 
 namespace kvtile {
@@ -16,7 +17,8 @@ struct TransformRequest {
   std::string output;
   Turn turn;                 // applied to the picture as a viewer shows it
   std::uint64_t budget = 0;  // bytes; 0: the library's own
-  bool force = false;        // an existing output may be replaced
+  Placement placement = Placement::Automatic;
+  bool force = false;  // an existing output may be replaced
   bool widenTo8Bit = false;
 };
 

@@ -32,61 +32,94 @@ std::string budgetText(std::uint64_t bytes) {
   return std::to_string(roundUp(bytes, kGibibyte) / kGibibyte) + "G";
 }
 
+// Saturates at the largest number.
+std::uint64_t bitsOf(const Picture& picture) {
+  return pixelBits(picture.width, picture.height, picture.pixels.bitsPerPixel()).value_or(UINT64_MAX);
+}
+
+// What to do where an image finds no room.
+std::string roomAdvice(bool inMemory) {
+  return inMemory ? "close other programs, or run again with --storage file" : "free some space on that disk";
+}
+
 }  // namespace
 
-Storage::Storage(std::uint64_t budget) : budget_(budget == 0 ? kInitialBudget : std::max(budget, kSmallestBudget)) {
+Storage::Storage(std::uint64_t budget, Placement placement)
+    : budget_(budget == 0 ? kInitialBudget : std::max(budget, kSmallestBudget)), placement_(placement) {
   if (budget != 0) {
     KvTileImage_SetMaxMemoryStorageBytes(budget);
   }
 }
 
-std::uint64_t Storage::budgetFor(std::uint64_t bits, unsigned images) {
-  // An image goes into memory while its bits are fewer than the budget less the bytes that are in use by then. The
-  // bytes in use can be a little more than the pixels take, as tiles are whole.
-  const std::uint64_t others = (images - 1) * (bits / 8 + bits / 64 + kMebibyte);
-  return bits + others + 1;
+std::optional<std::uint64_t> Storage::budgetFor(const Picture& picture, unsigned images) {
+  // An image goes into memory while its bits are fewer than the budget less the bytes that are in use by then. Those
+  // are a little more than the pixels take: each row of an image has whole groups of eight pixels.
+  const std::uint64_t bits = bitsOf(picture);
+  if (bits > UINT64_MAX / 4) {
+    return std::nullopt;
+  }
+  const std::uint64_t groupBytes = picture.pixels.bitsPerPixel();  // eight pixels
+  const std::uint64_t imageBytes = roundUp(picture.width, 8) / 8 * groupBytes * picture.height;
+  return bits + (images - 1) * imageBytes + 1;
 }
 
 void Storage::require(const std::string& file, const Picture& picture, bool turning) const {
-  const auto bits = pixelBits(picture.width, picture.height, picture.pixels.bitsPerPixel());
-  if (!bits || *bits > UINT64_MAX / 4) {
-    throw Failure(file, "the image is larger than any memory", "cut it into parts first");
-  }
   const unsigned images = turning ? 2 : 1;
-  if (*bits <= kSmallImageBits || budgetFor(*bits, images) <= budget_) {
+  const auto needed = budgetFor(picture, images);
+  if (!needed) {
+    throw Failure(file, "the image is larger than any memory or disk", "cut it into parts first");
+  }
+  if (placement_ != Placement::Memory || fitsBudget(picture, images)) {
     return;
   }
   const std::string subject = turning ? "the image and its turned copy need " : "the image needs ";
-  throw Failure(file, subject + megabytes(*bits / 8 * images) + " of memory",
-                "run again with --budget " + budgetText(budgetFor(*bits, images)));
+  throw Failure(file, subject + megabytes(bitsOf(picture) / 8 * images) + " of memory",
+                "run again with --budget " + budgetText(*needed) + ", or with --storage file");
 }
 
-Image::Image(const std::string& file, const Picture& picture)
-    : file_(file),
-      handle_(KvTileImage_AllocEx(picture.width, picture.height, picture.pixels.samples, picture.pixels.bits,
-                                  static_cast<std::uint32_t>(picture.pixels.sampleFormat), 0,
-                                  KVTI_SCANLINE_OPERATION_ROW)) {
+bool Storage::keepsInMemory(const Picture& picture) const { return !forcesFiles() && fitsBudget(picture, 1); }
+
+bool Storage::keepsTurnedInMemory(const Picture& picture) const {
+  // An image in files leaves the budget to its copy.
+  return fitsBudget(picture, keepsInMemory(picture) ? 2 : 1);
+}
+
+bool Storage::fitsBudget(const Picture& picture, unsigned images) const {
+  const auto needed = budgetFor(picture, images);
+  return needed && (*needed <= budget_ || bitsOf(picture) <= kSmallImageBits);
+}
+
+Image::Image(const std::string& file, const Picture& picture, const Storage& storage, LibraryMessages& messages)
+    : file_(file), turnedInMemory_(storage.keepsTurnedInMemory(picture)), messages_(messages) {
+  messages_.forget();
+  // Turning reads rows and writes columns, so that tiles for both are what suits every command.
+  handle_.reset(KvTileImage_AllocEx(picture.width, picture.height, picture.pixels.samples, picture.pixels.bits,
+                                    static_cast<std::uint32_t>(picture.pixels.sampleFormat),
+                                    storage.forcesFiles() ? 1 : 0, KVTI_SCANLINE_OPERATION_ROWCOL));
   if (handle_ == nullptr) {
-    throw Failure(file_, "there is not enough memory for the image",
-                  "close other programs or use a machine with more memory");
+    const bool inMemory = storage.keepsInMemory(picture);
+    fail(inMemory ? "there is not enough memory for the image" : "the image cannot be kept in files",
+         roomAdvice(inMemory));
   }
   setResolution(picture);
 }
 
 void Image::getRow(std::uint32_t y, std::uint32_t x1, std::uint32_t x2, std::span<std::uint8_t> row) {
+  messages_.forget();
   if (!KvTileImage_GetRowData(handle_.get(), y, x1, x2, row.data(), row.size())) {
-    throw Failure(file_, "row " + std::to_string(y) + " cannot be taken from the image",
-                  "see --verbose for the reason");
+    fail("row " + std::to_string(y) + " cannot be taken from the image", "see --verbose for more");
   }
 }
 
 void Image::setRow(std::uint32_t y, std::uint32_t x1, std::uint32_t x2, std::span<const std::uint8_t> row) {
+  messages_.forget();
   if (!KvTileImage_SetRowData(handle_.get(), y, x1, x2, row.data(), row.size())) {
-    throw Failure(file_, "row " + std::to_string(y) + " cannot be put into the image", "see --verbose for the reason");
+    fail("row " + std::to_string(y) + " cannot be put into the image", "see --verbose for more");
   }
 }
 
 void Image::turn(const Turn& turn, const Picture& upright, Progress& progress) {
+  messages_.forget();
   progress.begin("turning", height());
   turningProgress = &progress;
   TileImageHandle* turned =
@@ -96,7 +129,7 @@ void Image::turn(const Turn& turn, const Picture& upright, Progress& progress) {
     if (system::stopRequested()) {
       throw Interrupted();
     }
-    throw Failure(file_, "the image cannot be turned, most likely for lack of memory", "see --verbose for the reason");
+    fail("the image cannot be turned", roomAdvice(turnedInMemory_));
   }
   handle_.reset(turned);
   setResolution(upright);
@@ -108,6 +141,10 @@ void Image::setResolution(const Picture& picture) {
     KvTileImage_SetDpiX(handle_.get(), static_cast<float>(inches->x));
     KvTileImage_SetDpiY(handle_.get(), static_cast<float>(inches->y));
   }
+}
+
+void Image::fail(const std::string& what, const std::string& advice) const {
+  throw Failure(file_, what + messages_.reason(), advice);
 }
 
 }  // namespace kvtile

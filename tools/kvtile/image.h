@@ -1,4 +1,4 @@
-// The library's image: pixels in memory, turned by the library.
+// The library's image: pixels in memory or in files, turned by the library.
 #ifndef KVTILE_IMAGE_H
 #define KVTILE_IMAGE_H
 
@@ -6,36 +6,56 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
+#include "library_messages.h"
 #include "picture.h"
 #include "progress.h"
 
 namespace kvtile {
 
+// Where the user wants the images to be kept.
+enum class Placement { Automatic, Memory, Files };
+
 // Where the images of one command are kept and what they may take.
 class Storage {
  public:
   // `budget` is the library's heap budget in bytes; it holds for the process from here on. 0: the library's own.
-  explicit Storage(std::uint64_t budget);
+  Storage(std::uint64_t budget, Placement placement);
 
-  // The budget that `images` images of `bits` bits each, alive at the same time, need.
-  static std::uint64_t budgetFor(std::uint64_t bits, unsigned images);
+  // The smallest budget with which the library keeps `images` images like `picture`, alive at the same time, in memory.
+  // Nothing if it does not fit 64 bits.
+  static std::optional<std::uint64_t> budgetFor(const Picture& picture, unsigned images);
 
-  // Throws a Failure that names `file` unless the image of `picture`, and for turning it a second one, can be kept. To
-  // be asked before the work starts.
+  // Throws a Failure that names `file` unless the image of `picture`, and for turning it a second one, may be made: no
+  // image may be larger than what can be counted, and where the user wants memory all of them have to fit the budget.
+  // To be asked before the work starts.
   void require(const std::string& file, const Picture& picture, bool turning) const;
 
+  // Whether the library is told to use files whatever its budget says. It can be told so for new images only: the
+  // copies that it makes follow the budget.
+  bool forcesFiles() const { return placement_ == Placement::Files; }
+
+  // Where the library keeps the image of `picture`, and its turned copy beside it.
+  bool keepsInMemory(const Picture& picture) const;
+  bool keepsTurnedInMemory(const Picture& picture) const;
+
  private:
+  bool fitsBudget(const Picture& picture, unsigned images) const;
+
   std::uint64_t budget_;
+  Placement placement_;
 };
 
-// Owns one image of the library. All failures are Failures that name the file the image was made for.
+// Owns one image of the library. All failures are Failures that name the file the image was made for and give the
+// library's reason.
 class Image {
  public:
-  // An image with `picture`'s size, format and resolution, all samples zero.
-  Image(const std::string& file, const Picture& picture);
+  // An image with `picture`'s size, format and resolution, all samples zero, kept where `storage` says. `messages` has
+  // to outlive it.
+  Image(const std::string& file, const Picture& picture, const Storage& storage, LibraryMessages& messages);
 
   std::uint32_t width() const { return KvTileImage_GetWidth(handle_.get()); }
   std::uint32_t height() const { return KvTileImage_GetHeight(handle_.get()); }
@@ -59,8 +79,11 @@ class Image {
   };
 
   void setResolution(const Picture& picture);
+  [[noreturn]] void fail(const std::string& what, const std::string& advice) const;
 
   std::string file_;
+  bool turnedInMemory_;
+  LibraryMessages& messages_;
   std::unique_ptr<TileImageHandle, Unload> handle_;
 };
 

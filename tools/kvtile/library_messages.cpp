@@ -12,6 +12,12 @@ constexpr int kEverything = 0;
 constexpr int kErrors = 4;
 constexpr std::array<const char*, 5> kSeverities = {"trace", "debug", "info", "warning", "error"};
 
+// The text without the name of the function that it begins with: "[Name] text".
+std::string withoutFunction(const std::string& message) {
+  const std::size_t end = message.find("] ");
+  return message.starts_with('[') && end != std::string::npos ? message.substr(end + 2) : message;
+}
+
 }  // namespace
 
 LibraryMessages::LibraryMessages(Console& console) : console_(console) {
@@ -21,9 +27,35 @@ LibraryMessages::LibraryMessages(Console& console) : console_(console) {
 
 LibraryMessages::~LibraryMessages() { EmberLogger_SetSink(nullptr, nullptr); }
 
+void LibraryMessages::forget() {
+  const std::lock_guard lock(mutex_);
+  firstError_.clear();
+}
+
+std::string LibraryMessages::reason() const {
+  const std::lock_guard lock(mutex_);
+  std::string text = withoutFunction(firstError_);
+  // The line has one semicolon, before the advice.
+  std::replace(text.begin(), text.end(), ';', ',');
+  while (!text.empty() && (text.back() == '.' || text.back() == '!' || text.back() == ' ')) {
+    text.pop_back();
+  }
+  return text.empty() ? text : " (" + text + ")";
+}
+
+void LibraryMessages::keepFirst(const char* message) {
+  const std::lock_guard lock(mutex_);
+  if (firstError_.empty()) {
+    firstError_ = message;
+  }
+}
+
 void LibraryMessages::receive(int severity, const char* tag, const char* message, void* user) {
   const auto index = static_cast<std::size_t>(std::clamp(severity, 0, 4));
   auto& self = *static_cast<LibraryMessages*>(user);
+  if (severity >= kErrors) {
+    self.keepFirst(message);
+  }
   self.console_.detail(std::string(tag) + ": " + kSeverities[index] + ": " + message);
 }
 

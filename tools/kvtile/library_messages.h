@@ -2,12 +2,15 @@
 #ifndef KVTILE_LIBRARY_MESSAGES_H
 #define KVTILE_LIBRARY_MESSAGES_H
 
+#include <mutex>
+#include <string>
+
 #include "console.h"
 
 namespace kvtile {
 
-// While it lives the library's messages go to the console as details, and nowhere else: its errors are
-// told to the user in the program's own words. One at a time.
+// While it lives the library's messages go to the console as details, and nowhere else: failures are told to the user
+// in the program's own words, with the library's reason among them. One at a time.
 class LibraryMessages {
  public:
   explicit LibraryMessages(Console& console);
@@ -15,10 +18,20 @@ class LibraryMessages {
   LibraryMessages(const LibraryMessages&) = delete;
   LibraryMessages& operator=(const LibraryMessages&) = delete;
 
+  // Forgets the errors so far.
+  void forget();
+
+  // The first error since the last forget(), " (...)" to be appended to a sentence, or nothing. The first one is the
+  // cause; those behind it tell which functions gave up over it.
+  std::string reason() const;
+
  private:
   static void receive(int severity, const char* tag, const char* message, void* user);
+  void keepFirst(const char* message);
 
   Console& console_;
+  mutable std::mutex mutex_;  // messages come on the threads that log
+  std::string firstError_;
 };
 
 }  // namespace kvtile

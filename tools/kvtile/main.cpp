@@ -16,6 +16,7 @@
 
 namespace {
 
+using kvtile::Placement;
 using kvtile::TransformRequest;
 using kvtile::Turn;
 
@@ -30,6 +31,7 @@ struct Options {
   std::string angle;
   std::string direction;
   std::string budget;
+  std::string storage;
   std::string input;
   std::string output;
   std::vector<std::string> files;
@@ -80,6 +82,17 @@ std::optional<std::uint64_t> parseSize(const std::string& text) {
   return value << shift;
 }
 
+// Nothing for other texts.
+std::optional<Placement> parsePlacement(const std::string& text) {
+  if (text == "auto") {
+    return Placement::Automatic;
+  }
+  if (text == "memory") {
+    return Placement::Memory;
+  }
+  return text == "file" ? std::optional(Placement::Files) : std::nullopt;
+}
+
 std::string checkAngle(std::string& text) {
   if (Turn::parseDegrees(withMinus(text))) {
     return {};
@@ -93,6 +106,13 @@ std::string checkSize(std::string& text) {
     return {};
   }
   return "'" + withMinus(text) + "' is no size: allowed are numbers of bytes, or such as 512M and 12G";
+}
+
+std::string checkStorage(std::string& text) {
+  if (parsePlacement(text)) {
+    return {};
+  }
+  return "'" + withMinus(text) + "' is no storage: allowed are auto, memory and file";
 }
 
 std::string checkDirection(std::string& text) {
@@ -109,9 +129,13 @@ void addMessageOptions(CLI::App& app, Options& options) {
 
 void addTransformOptions(CLI::App& app, Options& options) {
   app.add_option("--budget", options.budget,
-                 "Heap budget, for example 12G (initially 1G); pixels need 8 times their bytes")
+                 "Heap budget, for example 12G (initially 1G); pixels in memory need 8 times their bytes")
       ->type_name("SIZE")
       ->check(CLI::Validator(checkSize, ""));
+  app.add_option("--storage", options.storage,
+                 "Where pixels are kept: auto (memory within the budget, else files), memory or file")
+      ->type_name("PLACE")
+      ->check(CLI::Validator(checkStorage, ""));
   app.add_flag("-f,--force", options.force, "Replace OUT if it exists");
   app.add_flag("--to-8bit", options.widenTo8Bit, "Widen samples of 1, 2 and 4 bits to 8 bits");
   addMessageOptions(app, options);
@@ -200,6 +224,7 @@ TransformRequest makeRequest(const Options& options, const Turn& turn) {
   request.output = withMinus(options.output);
   request.turn = turn;
   request.budget = parseSize(options.budget).value_or(0);
+  request.placement = parsePlacement(options.storage).value_or(Placement::Automatic);
   request.force = options.force;
   request.widenTo8Bit = options.widenTo8Bit;
   return request;
