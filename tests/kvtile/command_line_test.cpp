@@ -18,7 +18,8 @@ using support::Sandbox;
 using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
 using testing::StartsWith;
 
 class CommandLineTest : public testing::Test {
@@ -105,6 +106,45 @@ TEST_F(CommandLineTest, RefusesOtherSizes) {
   }
 }
 
+TEST_F(CommandLineTest, RefusesOtherNumbersOfPixels) {
+  for (const char* side : {"--width", "--height"}) {
+    for (const std::string pixels : {"0", "00", "-5", "4294967296", "99999999999999999999999", "1.5", "2K", "wide"}) {
+      const std::string refused = std::string("kvtile: ") + side + ": '" + pixels +
+                                  "' is no number of pixels: allowed are 1 to 4294967295; see 'kvtile resize --help'\n";
+      EXPECT_EQ(wrongUsage({"resize", side, pixels, "in.png", "out.png"}), refused);
+    }
+    EXPECT_THAT(wrongUsage({"resize", "in.png", "out.png", side}), HasSubstr(side));
+    EXPECT_THAT(wrongUsage({"rotate", "90", side, "5", "in.png", "out.png"}), HasSubstr(side));
+  }
+  EXPECT_EQ(wrongUsage({"resize", "in.png", "out.png"}),
+            "kvtile: --width or --height is required; see 'kvtile resize --help'\n");
+}
+
+TEST_F(CommandLineTest, StatsTellOfPlaceMemoryAndTime) {
+  const std::string numbers = "peak memory [0-9]+\\.[0-9] MB, [0-9]+\\.[0-9] s\n";
+  const auto line = [this](std::vector<std::string> command) {
+    command.insert(command.end(), {"--stats", "--force", "in.png", "out.png"});
+    const Result result = sandbox_.kvtile(command);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "");
+    return result.err;
+  };
+  const std::string image = "kvtile: stats: image kept in memory, ";
+  const std::string copy = "its turned copy in memory, ";
+  EXPECT_THAT(line({"convert"}), MatchesRegex(image + numbers));
+  EXPECT_THAT(line({"resize", "--width", "5"}), MatchesRegex(image + numbers));
+  EXPECT_THAT(line({"rotate", "360"}), MatchesRegex(image + numbers));
+  EXPECT_THAT(line({"rotate", "90"}), MatchesRegex(image + copy + numbers));
+  EXPECT_THAT(line({"mirror", "vertical", "--quiet"}), MatchesRegex(image + copy + numbers));
+}
+
+TEST_F(CommandLineTest, StatsAreForWorkThatIsDone) {
+  sandbox_.write("bad.png", sandbox_.read("in.png").substr(0, 100));
+  const Result result = sandbox_.kvtile({"convert", "--stats", "bad.png", "out.png"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, Not(HasSubstr("stats")));
+}
+
 TEST_F(CommandLineTest, RefusesOtherStorages) {
   for (const std::string storage : {"disk", "files", "Memory", "-1"}) {
     EXPECT_THAT(wrongUsage({"convert", "in.png", "out.png", "--storage=" + storage}),
@@ -142,17 +182,19 @@ TEST_F(CommandLineTest, HelpNamesEveryOptionAndGivesExamples) {
   const Result all = sandbox_.kvtile({"--help"});
   EXPECT_EQ(all.status, 0);
   EXPECT_EQ(all.err, "");
-  for (const char* word : {"info", "convert", "rotate", "mirror", "--budget", "--storage", "--verbose", "--quiet",
-                           "--force", "--to-8bit", "--version", "Examples:"}) {
+  for (const char* word : {"info", "convert", "rotate", "mirror", "resize", "--budget", "--storage", "--stats",
+                           "--verbose", "--quiet", "--force", "--to-8bit", "--version", "Examples:"}) {
     EXPECT_THAT(all.out, HasSubstr(word));
   }
-  for (const char* command : {"convert", "rotate", "mirror"}) {
+  for (const char* command : {"convert", "rotate", "mirror", "resize"}) {
     const Result one = sandbox_.kvtile({command, "--help"});
     EXPECT_EQ(one.status, 0);
-    for (const char* word : {"--budget", "--storage", "--force", "--to-8bit", "Examples:", "IN", "OUT"}) {
+    for (const char* word : {"--budget", "--storage", "--stats", "--force", "--to-8bit", "Examples:", "IN", "OUT"}) {
       EXPECT_THAT(one.out, HasSubstr(word)) << command;
     }
   }
+  const std::string resize = sandbox_.kvtile({"resize", "--help"}).out;
+  EXPECT_THAT(resize, AllOf(HasSubstr("--width N"), HasSubstr("--height N"), HasSubstr("The resolution (dpi) stays")));
   EXPECT_THAT(sandbox_.kvtile({"info", "--help"}).out, HasSubstr("kvtile info scan.tif"));
 }
 

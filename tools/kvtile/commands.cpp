@@ -1,7 +1,9 @@
 #include "commands.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -14,6 +16,8 @@
 #include "output_file.h"
 #include "progress.h"
 #include "reader.h"
+#include "sampling.h"
+#include "system.h"
 #include "writer.h"
 
 namespace kvtile {
@@ -55,13 +59,74 @@ void requireTurnable(const std::string& input, const PixelFormat& format, const 
   }
 }
 
-void write(Image& image, const Picture& held, const Delivery& delivery, Writer& writer, Progress& progress) {
-  std::vector<std::uint8_t> row(image.rowBytes());
-  RowConverter converter(held, delivery);
-  progress.begin("writing", image.height());
-  for (std::uint32_t y = 0; y < image.height(); ++y) {
-    image.getRow(y, 0, image.width(), row);
-    writer.writeRow(converter.convert(row));
+// The side of the result that goes with the other one, `to` pixels instead of `from`.
+std::uint32_t followingSide(const std::string& output, const char* name, std::uint32_t other, std::uint32_t from,
+                            std::uint32_t to) {
+  const std::uint64_t length = proportionalLength(other, from, to);
+  if (length > UINT32_MAX) {
+    throw Failure(output,
+                  std::string("the ") + name + " would be " + std::to_string(length) + " pixels, more than " +
+                      std::to_string(UINT32_MAX),
+                  std::string("give --") + name + " too");
+  }
+  return static_cast<std::uint32_t>(length);
+}
+
+Picture inSize(const Picture& picture, const WantedSize& size, const std::string& output) {
+  if (size.width == 0 && size.height == 0) {
+    return picture;
+  }
+  if (size.height == 0) {
+    return picture.resized(size.width, followingSide(output, "height", picture.height, picture.width, size.width));
+  }
+  if (size.width == 0) {
+    return picture.resized(followingSide(output, "width", picture.width, picture.height, size.height), size.height);
+  }
+  return picture.resized(size.width, size.height);
+}
+
+// What becomes of the stored picture on its way into the output.
+struct Plan {
+  Turn turn;
+  Picture held;     // as the image gets it
+  Picture upright;  // turned
+  Picture result;   // in the size that is wanted
+  Delivery delivery;
+};
+
+// Throws a Failure for all that can be known to fail before the work starts.
+Plan makePlan(const TransformRequest& request, FileFormat format, Reader& reader, const Storage& storage) {
+  const Picture& stored = reader.picture();
+  OutputFile::check(request.output, request.input, request.force);
+  reader.checkReadable();
+  if (request.widenTo8Bit) {
+    requireWidenable(request.input, stored);
+  }
+  Plan plan;
+  plan.turn = Turn::uprightFrom(stored.orientation).then(request.turn);
+  plan.held = request.widenTo8Bit ? stored.widenedTo8Bit() : stored;
+  plan.upright = plan.held.turned(plan.turn);
+  requireTurnable(request.input, plan.held.pixels, plan.turn);
+  plan.result = inSize(plan.upright, request.size, request.output);
+  plan.delivery = planDelivery(plan.result, format, request.output);
+  storage.require(request.input, plan.held, !plan.turn.isIdentity());
+  return plan;
+}
+
+// `result`: the picture in the image, in the size that is wanted.
+void write(Image& image, const Picture& result, const Delivery& delivery, Writer& writer, Progress& progress) {
+  SampledRows rows(image, result);
+  RowConverter converter(result, delivery);
+  std::span<std::uint8_t> converted;
+  std::vector<std::uint8_t> row(delivery.picture.rowBytes());
+  progress.begin("writing", result.height);
+  for (std::uint32_t y = 0; y < result.height; ++y) {
+    if (rows.advance()) {
+      converted = converter.convert(rows.row());
+    }
+    // What is written may be changed by it, and may be wanted again.
+    std::copy(converted.begin(), converted.end(), row.begin());
+    writer.writeRow(row);
     progress.advance();
   }
   writer.finish();
@@ -73,6 +138,19 @@ void tellOfOtherPages(Reader& reader, const std::string& input, Console& console
   if (pages > 1) {
     console.note(input + " has " + std::to_string(pages) + " pages; only the first is read");
   }
+}
+
+// "stats: image kept in memory, its turned copy in files, peak memory 12.3 MB, 4.5 s".
+std::string statsText(const Storage& storage, const Picture& held, bool turning, std::chrono::duration<double> time) {
+  const auto place = [](bool inMemory) { return std::string(inMemory ? "memory" : "files"); };
+  std::string text = "stats: image kept in " + place(storage.keepsInMemory(held));
+  if (turning) {
+    text += ", its turned copy in " + place(storage.keepsTurnedInMemory(held));
+  }
+  std::array<char, 80> numbers = {};
+  std::snprintf(numbers.data(), numbers.size(), ", peak memory %.1f MB, %.1f s",
+                static_cast<double>(system::peakMemoryBytes()) / 1e6, time.count());
+  return text + numbers.data();
 }
 
 void printFacts(const std::vector<Fact>& facts) {
@@ -88,40 +166,33 @@ void printFacts(const std::vector<Fact>& facts) {
 }  // namespace
 
 void transform(const TransformRequest& request, Console& console) {
+  const auto start = std::chrono::steady_clock::now();
   const FileFormat format = requireKnownExtension(request.output);
   LibraryMessages messages(console);
   const Storage storage(request.budget, request.placement);
-
   std::unique_ptr<Reader> reader = openPicture(request.input, console);
-  const Picture stored = reader->picture();
-  const Turn turn = Turn::uprightFrom(stored.orientation).then(request.turn);
-  OutputFile::check(request.output, request.input, request.force);
-  reader->checkReadable();
-  if (request.widenTo8Bit) {
-    requireWidenable(request.input, stored);
-  }
-  const Picture held = request.widenTo8Bit ? stored.widenedTo8Bit() : stored;
-  const Picture upright = held.turned(turn);
-  requireTurnable(request.input, held.pixels, turn);
-  const Delivery delivery = planDelivery(upright, format, request.output);
-  storage.require(request.input, held, !turn.isIdentity());
+  const Plan plan = makePlan(request, format, *reader, storage);
+  const bool turning = !plan.turn.isIdentity();
   tellOfOtherPages(*reader, request.input, console);
-  for (const std::string& note : delivery.notes) {
+  for (const std::string& note : plan.delivery.notes) {
     console.note(request.output + ": " + note);
   }
 
   OutputFile output(request.output, request.force);
   Progress progress(console);
-  Image image(request.input, held, storage, messages);
+  Image image(request.input, plan.held, storage, messages);
   reader->read(image, request.widenTo8Bit, progress);
   reader.reset();
-  if (!turn.isIdentity()) {
-    image.turn(turn, upright, progress);
+  if (turning) {
+    image.turn(plan.turn, plan.upright, progress);
   }
-  const std::unique_ptr<Writer> writer = beginPicture(format, output.file(), request.output, delivery.picture, console);
-  write(image, upright, delivery, *writer, progress);
+  const auto writer = beginPicture(format, output.file(), request.output, plan.delivery.picture, console);
+  write(image, plan.result, plan.delivery, *writer, progress);
   output.commit();
   console.showNotes();
+  if (request.showStats) {
+    console.report(statsText(storage, plan.held, turning, std::chrono::steady_clock::now() - start));
+  }
 }
 
 bool showInfo(const std::vector<std::string>& files, Console& console) {

@@ -12,14 +12,22 @@
 
 namespace kvtile {
 
+// In pixels; a side that is 0 follows from the other one, and where both are the picture keeps its size.
+struct WantedSize {
+  std::uint32_t width = 0;
+  std::uint32_t height = 0;
+};
+
 struct TransformRequest {
   std::string input;
   std::string output;
   Turn turn;                 // applied to the picture as a viewer shows it
+  WantedSize size;           // of the turned picture
   std::uint64_t budget = 0;  // bytes; 0: the library's own
   Placement placement = Placement::Automatic;
   bool force = false;  // an existing output may be replaced
   bool widenTo8Bit = false;
+  bool showStats = false;  // a line on the console: where the pixels were, memory and time taken
 };
 
 // Makes `output` from `input`. Throws a Failure, or Interrupted when asked to stop; nothing is left behind then.

@@ -28,6 +28,8 @@ Console::~Console() { clearStatus(); }
 
 void Console::error(const std::string& text) { line(text); }
 
+void Console::report(const std::string& text) { line(text); }
+
 void Console::note(const std::string& text) { notes_.push_back(text); }
 
 void Console::showNotes() {

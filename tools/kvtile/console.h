@@ -22,6 +22,9 @@ class Console {
   void error(const std::string& text);   // why the command failed
   void detail(const std::string& text);  // what the codecs and the library say
 
+  // What the user has asked for about the work that is done; shown when quiet too.
+  void report(const std::string& text);
+
   // What the user should know about the result. Kept until there is one: a failure is a line of its own.
   void note(const std::string& text);
   void showNotes();

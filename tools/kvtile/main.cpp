@@ -30,6 +30,8 @@ constexpr char kMinus = '\x01';
 struct Options {
   std::string angle;
   std::string direction;
+  std::string width;
+  std::string height;
   std::string budget;
   std::string storage;
   std::string input;
@@ -39,6 +41,7 @@ struct Options {
   bool widenTo8Bit = false;
   bool verbose = false;
   bool quiet = false;
+  bool stats = false;
 };
 
 std::string withMinus(std::string text) {
@@ -82,6 +85,14 @@ std::optional<std::uint64_t> parseSize(const std::string& text) {
   return value << shift;
 }
 
+// "1200": a side in pixels, 1 or more; nothing for other texts and for more than a picture can have.
+std::optional<std::uint32_t> parsePixels(const std::string& text) {
+  const bool digitsOnly = text.find_first_not_of("0123456789") == std::string::npos;
+  const auto pixels = digitsOnly ? parseSize(text) : std::nullopt;
+  return pixels && *pixels > 0 && *pixels <= UINT32_MAX ? std::optional(static_cast<std::uint32_t>(*pixels))
+                                                        : std::nullopt;
+}
+
 // Nothing for other texts.
 std::optional<Placement> parsePlacement(const std::string& text) {
   if (text == "auto") {
@@ -106,6 +117,13 @@ std::string checkSize(std::string& text) {
     return {};
   }
   return "'" + withMinus(text) + "' is no size: allowed are numbers of bytes, or such as 512M and 12G";
+}
+
+std::string checkPixels(std::string& text) {
+  if (parsePixels(text)) {
+    return {};
+  }
+  return "'" + withMinus(text) + "' is no number of pixels: allowed are 1 to " + std::to_string(UINT32_MAX);
 }
 
 std::string checkStorage(std::string& text) {
@@ -138,6 +156,7 @@ void addTransformOptions(CLI::App& app, Options& options) {
       ->check(CLI::Validator(checkStorage, ""));
   app.add_flag("-f,--force", options.force, "Replace OUT if it exists");
   app.add_flag("--to-8bit", options.widenTo8Bit, "Widen samples of 1, 2 and 4 bits to 8 bits");
+  app.add_flag("--stats", options.stats, "Show where the pixels were kept and what memory and time it took");
   addMessageOptions(app, options);
 }
 
@@ -195,13 +214,36 @@ void addMirror(CLI::App& app, Options& options) {
       "  kvtile mirror vertical scan.tif flipped.tif");
 }
 
+void addResize(CLI::App& app, Options& options) {
+  CLI::App* resize = app.add_subcommand("resize", "Give a picture another size by repeating or leaving out pixels");
+  resize->add_option("--width", options.width, "Pixels from left to right; follows from the height if left out")
+      ->type_name("N")
+      ->check(CLI::Validator(checkPixels, ""));
+  resize->add_option("--height", options.height, "Pixels from top to bottom; follows from the width if left out")
+      ->type_name("N")
+      ->check(CLI::Validator(checkPixels, ""));
+  addFiles(*resize, options);
+  addTransformOptions(*resize, options);
+  resize->callback([&options] {
+    if (options.width.empty() && options.height.empty()) {
+      throw CLI::RequiredError("--width or --height");
+    }
+  });
+  resize->footer(
+      "Examples:\n"
+      "  kvtile resize --width 800 mosaic.tif preview.png\n"
+      "  kvtile resize --width 16000 --height 12000 photo.png poster.tif\n\n"
+      "Each pixel is that of the picture at the same place: none are blended. The resolution (dpi) stays as it is, so\n"
+      "that the picture is printed larger or smaller.");
+}
+
 // CLI11's sentence or a better one, and where to read on.
 std::string usageText(const CLI::App& app, const CLI::ParseError& error) {
   std::string text = withMinus(error.what());
   const std::vector<std::string> leftOver = app.remaining();
   const bool noCommand = app.get_subcommands().empty();
   if (noCommand && !leftOver.empty() && leftOver.front()[0] != '-') {
-    text = "'" + withMinus(leftOver.front()) + "' is no command: there are info, convert, rotate and mirror";
+    text = "'" + withMinus(leftOver.front()) + "' is no command: there are info, convert, rotate, mirror and resize";
   } else if (noCommand && !leftOver.empty()) {
     text = "there is no option " + leftOver.front();
   }
@@ -223,10 +265,12 @@ TransformRequest makeRequest(const Options& options, const Turn& turn) {
   request.input = withMinus(options.input);
   request.output = withMinus(options.output);
   request.turn = turn;
+  request.size = {parsePixels(options.width).value_or(0), parsePixels(options.height).value_or(0)};
   request.budget = parseSize(options.budget).value_or(0);
   request.placement = parsePlacement(options.storage).value_or(Placement::Automatic);
   request.force = options.force;
   request.widenTo8Bit = options.widenTo8Bit;
+  request.showStats = options.stats;
   return request;
 }
 
@@ -271,6 +315,7 @@ void describeCommandLine(CLI::App& app, Options& options) {
   addConvert(app, options);
   addRotate(app, options);
   addMirror(app, options);
+  addResize(app, options);
   for (CLI::App* command : app.get_subcommands({})) {
     command->group("Commands");
   }
@@ -278,7 +323,8 @@ void describeCommandLine(CLI::App& app, Options& options) {
       "Examples:\n"
       "  kvtile info scan.tif\n"
       "  kvtile rotate 90 scan.tif upright.tif\n"
-      "  kvtile mirror horizontal photo.png mirrored.png\n\n"
+      "  kvtile mirror horizontal photo.png mirrored.png\n"
+      "  kvtile resize --width 800 scan.tif preview.png\n\n"
       "'kvtile COMMAND --help' tells more about a command.");
 }
 
@@ -289,7 +335,7 @@ int runInfo(Options& options, kvtile::Console& console) {
   return kvtile::showInfo(options.files, console) ? kDone : kNotDone;
 }
 
-// The turn that the command stands for; convert has none.
+// The turn that the command stands for; convert and resize have none.
 Turn turnOf(const std::string& command, const Options& options) {
   if (command == "rotate") {
     return Turn::parseDegrees(withMinus(options.angle)).value_or(Turn());
@@ -304,7 +350,7 @@ Turn turnOf(const std::string& command, const Options& options) {
 
 int main(int count, char** values) {
   Options options;
-  CLI::App app("Turns, mirrors and converts large PNG and TIFF pictures.", "kvtile");
+  CLI::App app("Turns, mirrors, resizes and converts large PNG and TIFF pictures.", "kvtile");
   describeCommandLine(app, options);
   if (count <= 1) {
     std::fputs(app.help().c_str(), stderr);

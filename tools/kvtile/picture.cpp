@@ -103,6 +103,13 @@ Picture Picture::turned(const Turn& turn) const {
   return result;
 }
 
+Picture Picture::resized(std::uint32_t newWidth, std::uint32_t newHeight) const {
+  Picture result = *this;
+  result.width = newWidth;
+  result.height = newHeight;
+  return result;
+}
+
 Picture Picture::widenedTo8Bit() const {
   if (!pixels.packed()) {
     return *this;

@@ -120,6 +120,9 @@ struct Picture {
   // The picture that `turn` makes of this one; upright, so the orientation becomes 1.
   Picture turned(const Turn& turn) const;
 
+  // The picture in another size. The resolution stays: what is printed becomes larger or smaller.
+  Picture resized(std::uint32_t newWidth, std::uint32_t newHeight) const;
+
   // The picture with samples of 1, 2 and 4 bits widened to 8: the palette and the colour key follow. Other formats
   // come back as they are.
   Picture widenedTo8Bit() const;

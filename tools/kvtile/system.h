@@ -23,6 +23,9 @@ bool stopRequested() noexcept;
 
 unsigned long processId();
 
+// The most memory that the program has had resident at one time, in bytes; 0 if the system does not tell.
+std::uint64_t peakMemoryBytes();
+
 enum class FileKind { Missing, Regular, Folder, Other };
 
 // What `path` names, links followed; Missing also where it cannot be looked at. `error` receives the errno value then,

@@ -1,12 +1,15 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 
 #include "system.h"
 
@@ -28,6 +31,23 @@ void catchUnlessIgnored(int signal) {
   wanted.sa_handler = onStopRequest;
   sigemptyset(&wanted.sa_mask);
   sigaction(signal, &wanted, nullptr);
+}
+
+struct CloseFile {
+  void operator()(std::FILE* file) const noexcept { std::fclose(file); }
+};
+
+// The process's peak in KiB as Linux shows it; 0 on systems that have no such file.
+std::uint64_t peakInProcessFile() {
+  const std::unique_ptr<std::FILE, CloseFile> file(std::fopen("/proc/self/status", "r"));
+  std::array<char, 256> line = {};
+  unsigned long long kilobytes = 0;
+  while (file != nullptr && std::fgets(line.data(), line.size(), file.get()) != nullptr) {
+    if (std::sscanf(line.data(), "VmHWM: %llu", &kilobytes) == 1) {
+      return kilobytes;
+    }
+  }
+  return 0;
 }
 
 }  // namespace
@@ -53,6 +73,17 @@ void catchStopRequests() {
 bool stopRequested() noexcept { return stopFlag != 0; }
 
 unsigned long processId() { return static_cast<unsigned long>(getpid()); }
+
+std::uint64_t peakMemoryBytes() {
+  constexpr std::uint64_t kKilobyte = 1024;
+  // getrusage counts on from the program that started this one, which may have been the larger of the two.
+  const std::uint64_t kilobytes = peakInProcessFile();
+  if (kilobytes != 0) {
+    return kilobytes * kKilobyte;
+  }
+  struct rusage usage = {};
+  return getrusage(RUSAGE_SELF, &usage) == 0 ? static_cast<std::uint64_t>(usage.ru_maxrss) * kKilobyte : 0;
+}
 
 FileKind kindOf(const std::string& path, int& error) {
   error = 0;
