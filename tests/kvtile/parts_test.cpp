@@ -1,4 +1,5 @@
 // Parts of the program whose every case the program itself does not show.
+#include <ember_logger/ember_logger.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tiffio.h>
@@ -310,6 +311,22 @@ TEST(ImageTest, AFailureTellsTheLibrarysReason) {
       fail(), testing::ExitedWithCode(1),
       "^kvtile: in.tif: there is not enough memory for the image \\(the tiles take 1125899906842624 bytes, more "
       "than the machine's [0-9]+ bytes\\); close other programs, or run again with --storage file\n$");
+}
+
+TEST(LibraryMessagesTest, TheReasonIsTheFirstErrorsText) {
+  kvtile::Console console(false, true);
+  kvtile::LibraryMessages messages(console);
+  ember_logger::Logger logger("KvTileImage", nullptr, ember_logger::trace, false, false, false, true, 0x100000, nullptr,
+                              nullptr, nullptr);
+  logger.log(ember_logger::warning, "[%s] slow", "Disk::write");
+  EXPECT_EQ(messages.reason(), "");
+  logger.log(ember_logger::error, "[%s] the files take %d bytes; /tmp has %d bytes free.", "Files::create", 12, 3);
+  logger.log(ember_logger::error, "[%s] create failed!", "Image::create");
+  EXPECT_EQ(messages.reason(), " (the files take 12 bytes, /tmp has 3 bytes free)");
+  messages.forget();
+  EXPECT_EQ(messages.reason(), "");
+  logger.log(ember_logger::error, "create failed!");
+  EXPECT_EQ(messages.reason(), " (create failed)");
 }
 
 // The library is stopped by an exception from its callback. In a process of its own: the request stays made.

@@ -24,6 +24,10 @@ constexpr int kDone = 0;
 constexpr int kNotDone = 1;
 constexpr int kWrongUsage = 2;
 
+// Of the commands that turn.
+constexpr char kTurnedStorage[] =
+    "\n\n--storage file is for the picture as it is read: its turned copy follows the budget.";
+
 // Stands in for the minus of arguments such as -90, which would otherwise be taken for options.
 constexpr char kMinus = '\x01';
 
@@ -191,11 +195,11 @@ void addRotate(CLI::App& app, Options& options) {
       ->check(CLI::Validator(checkAngle, ""));
   addFiles(*rotate, options);
   addTransformOptions(*rotate, options);
-  rotate->footer(
-      "Examples:\n"
-      "  kvtile rotate 90 scan.tif upright.tif\n"
-      "  kvtile rotate -90 photo.png left.png\n"
-      "  kvtile rotate --force 180 photo.png photo.png");
+  rotate->footer(std::string("Examples:\n"
+                             "  kvtile rotate 90 scan.tif upright.tif\n"
+                             "  kvtile rotate -90 photo.png left.png\n"
+                             "  kvtile rotate --force 180 photo.png photo.png") +
+                 kTurnedStorage);
 }
 
 void addMirror(CLI::App& app, Options& options) {
@@ -208,10 +212,10 @@ void addMirror(CLI::App& app, Options& options) {
       ->check(CLI::Validator(checkDirection, ""));
   addFiles(*mirror, options);
   addTransformOptions(*mirror, options);
-  mirror->footer(
-      "Examples:\n"
-      "  kvtile mirror horizontal photo.png mirrored.png\n"
-      "  kvtile mirror vertical scan.tif flipped.tif");
+  mirror->footer(std::string("Examples:\n"
+                             "  kvtile mirror horizontal photo.png mirrored.png\n"
+                             "  kvtile mirror vertical scan.tif flipped.tif") +
+                 kTurnedStorage);
 }
 
 void addResize(CLI::App& app, Options& options) {
