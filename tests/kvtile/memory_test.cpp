@@ -1,9 +1,11 @@
-// Memory: the library's images and little else, whatever the layout; no more than a file can be worth.
+// Memory: the library's images and little else, whatever the layout; no more than a file can be worth; a few tiles of
+// images that are kept in files.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <png.h>
 #include <tiffio.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -126,6 +128,56 @@ TEST_F(MemoryTest, AResultThatMightOutgrowClassicTiffBecomesBigTiff) {
   TIFFGetField(tiff, TIFFTAG_COMPRESSION, &compression);
   EXPECT_EQ(compression, COMPRESSION_CCITTFAX4);
   TIFFClose(tiff);
+}
+
+// Two images of 324 MB in files. What is touched at one time are the tiles of a row of one and of a column of the
+// other: up to 3072 rows of 12000 pixels and as many columns.
+TEST_F(MemoryTest, ImagesInFilesTakeTheTilesOfARowAndAColumn) {
+  constexpr std::uint32_t kLargeWidth = 12000;
+  constexpr std::uint32_t kLargeHeight = 9000;
+  constexpr long kTilesKilobytes = long{2} * kLargeWidth * 3072 * 3 / 1024;
+  constexpr long kImagesKilobytes = long{2} * kLargeWidth * kLargeHeight * 3 / 1024;
+  static_assert(kTilesKilobytes + kOthersKilobytes < kImagesKilobytes / 2);
+  TIFF* tiff = begin("in.tif", false);
+  TIFFSetField(tiff, TIFFTAG_IMAGEWIDTH, kLargeWidth);
+  TIFFSetField(tiff, TIFFTAG_IMAGELENGTH, kLargeHeight);
+  TIFFSetField(tiff, TIFFTAG_COMPRESSION, COMPRESSION_PACKBITS);
+  TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, 100);
+  std::vector<std::uint8_t> row(std::size_t{kLargeWidth} * 3, 0x5A);
+  for (std::uint32_t y = 0; y < kLargeHeight; ++y) {
+    ASSERT_EQ(TIFFWriteScanline(tiff, row.data(), y, 0), 1);
+  }
+  TIFFClose(tiff);
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"rotate", "90"}, {"mirror", "horizontal"}, {"resize", "--width", "24000"}}) {
+    SCOPED_TRACE(testing::PrintToString(command));
+    std::vector<std::string> words = command;
+    words.insert(words.end(), {"--budget", "64M", "--force", "in.tif", "out.tif"});
+    const Result result = sandbox_.kvtile(words);
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_LT(result.peakKilobytes, kTilesKilobytes + kOthersKilobytes);
+  }
+}
+
+TEST_F(MemoryTest, StatsTellThePeak) {
+  writeTiff("in.tif", 100, false);
+  const Result result = sandbox_.kvtile({"convert", "--stats", "in.tif", "out.tif"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  double megabytes = 0;
+  ASSERT_EQ(std::sscanf(result.err.c_str(), "kvtile: stats: image kept in memory, peak memory %lf MB", &megabytes), 1);
+  EXPECT_GT(megabytes * 1e6 / 1024, kImageKilobytes);
+  EXPECT_LT(megabytes * 1e6 / 1024, static_cast<double>(result.peakKilobytes) + 100);
+}
+
+// A program counts the memory of the one that started it as its own unless it looks more closely.
+TEST_F(MemoryTest, StatsLeaveOutWhatStartedTheProgram) {
+  writeTiff("in.tif", 100, false);
+  const std::vector<std::uint8_t> large(std::size_t{300} << 20, 1);
+  const Result result = sandbox_.kvtile({"convert", "--stats", "in.tif", "out.tif"});
+  double megabytes = 0;
+  ASSERT_EQ(std::sscanf(result.err.c_str(), "kvtile: stats: image kept in memory, peak memory %lf MB", &megabytes), 1);
+  EXPECT_LT(megabytes * 1e6 / 1024, kImageKilobytes + kOthersKilobytes);
+  EXPECT_GT(result.peakKilobytes, static_cast<long>(large.size() / 1024)) << "or there is nothing to leave out";
 }
 
 }  // namespace

@@ -37,9 +37,11 @@ std::uint64_t bitsOf(const Picture& picture) {
   return pixelBits(picture.width, picture.height, picture.pixels.bitsPerPixel()).value_or(UINT64_MAX);
 }
 
-// What to do where an image finds no room.
-std::string roomAdvice(bool inMemory) {
-  return inMemory ? "close other programs, or run again with --storage file" : "free some space on that disk";
+std::string roomAdvice(bool inMemory, std::uint64_t budgetForMemory) {
+  if (inMemory) {
+    return "close other programs, or run again with --storage file";
+  }
+  return "see to that folder, or run again with --storage memory --budget " + budgetText(budgetForMemory);
 }
 
 }  // namespace
@@ -84,22 +86,30 @@ bool Storage::keepsTurnedInMemory(const Picture& picture) const {
   return fitsBudget(picture, keepsInMemory(picture) ? 2 : 1);
 }
 
+std::string Storage::adviceForImage(const Picture& picture) const {
+  return roomAdvice(keepsInMemory(picture), budgetFor(picture, 1).value_or(UINT64_MAX));
+}
+
+std::string Storage::adviceForTurned(const Picture& picture) const {
+  return roomAdvice(keepsTurnedInMemory(picture), budgetFor(picture, 2).value_or(UINT64_MAX));
+}
+
 bool Storage::fitsBudget(const Picture& picture, unsigned images) const {
   const auto needed = budgetFor(picture, images);
   return needed && (*needed <= budget_ || bitsOf(picture) <= kSmallImageBits);
 }
 
 Image::Image(const std::string& file, const Picture& picture, const Storage& storage, LibraryMessages& messages)
-    : file_(file), turnedInMemory_(storage.keepsTurnedInMemory(picture)), messages_(messages) {
+    : file_(file), adviceForTurned_(storage.adviceForTurned(picture)), messages_(messages) {
   messages_.forget();
   // Turning reads rows and writes columns, so that tiles for both are what suits every command.
   handle_.reset(KvTileImage_AllocEx(picture.width, picture.height, picture.pixels.samples, picture.pixels.bits,
                                     static_cast<std::uint32_t>(picture.pixels.sampleFormat),
                                     storage.forcesFiles() ? 1 : 0, KVTI_SCANLINE_OPERATION_ROWCOL));
   if (handle_ == nullptr) {
-    const bool inMemory = storage.keepsInMemory(picture);
-    fail(inMemory ? "there is not enough memory for the image" : "the image cannot be kept in files",
-         roomAdvice(inMemory));
+    fail(storage.keepsInMemory(picture) ? "there is not enough memory for the image"
+                                        : "the image cannot be kept in files",
+         storage.adviceForImage(picture));
   }
   setResolution(picture);
 }
@@ -129,7 +139,7 @@ void Image::turn(const Turn& turn, const Picture& upright, Progress& progress) {
     if (system::stopRequested()) {
       throw Interrupted();
     }
-    fail("the image cannot be turned", roomAdvice(turnedInMemory_));
+    fail("the image cannot be turned", adviceForTurned_);
   }
   handle_.reset(turned);
   setResolution(upright);

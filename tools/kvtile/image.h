@@ -42,6 +42,10 @@ class Storage {
   bool keepsInMemory(const Picture& picture) const;
   bool keepsTurnedInMemory(const Picture& picture) const;
 
+  // What to do where the library finds no room for the image of `picture`, or for its turned copy.
+  std::string adviceForImage(const Picture& picture) const;
+  std::string adviceForTurned(const Picture& picture) const;
+
  private:
   bool fitsBudget(const Picture& picture, unsigned images) const;
 
@@ -82,7 +86,7 @@ class Image {
   [[noreturn]] void fail(const std::string& what, const std::string& advice) const;
 
   std::string file_;
-  bool turnedInMemory_;
+  std::string adviceForTurned_;
   LibraryMessages& messages_;
   std::unique_ptr<TileImageHandle, Unload> handle_;
 };

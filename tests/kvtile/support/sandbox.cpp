@@ -41,6 +41,7 @@ std::string contents(std::FILE* file) {
     arguments.push_back(const_cast<char*>(word.c_str()));
   }
   arguments.push_back(nullptr);
+  setenv("XDG_DATA_HOME", dataFolderFor(folder).c_str(), 1);
   if (chdir(folder.c_str()) == 0) {
     execvp(arguments[0], arguments.data());
   }
@@ -48,6 +49,8 @@ std::string contents(std::FILE* file) {
 }
 
 }  // namespace
+
+std::string dataFolderFor(const std::string& folder) { return folder + ".data"; }
 
 Process::Process(const std::vector<std::string>& command, const std::string& folder, int terminal)
     : out_(std::tmpfile()), err_(std::tmpfile()) {
@@ -105,6 +108,7 @@ Sandbox::Sandbox() {
 Sandbox::~Sandbox() {
   std::error_code ignored;
   std::filesystem::remove_all(folder_, ignored);
+  std::filesystem::remove_all(dataFolderFor(folder_), ignored);
 }
 
 std::vector<std::string> Sandbox::names() const {
@@ -130,6 +134,13 @@ std::string Sandbox::read(const std::string& name) const {
     throw std::runtime_error("cannot read " + name);
   }
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void Sandbox::keepImagesIn(const std::string& folder) const {
+  const std::filesystem::path library = dataFolderFor(folder_) + "/Korvane/KvTileImage";
+  std::filesystem::create_directories(library);
+  std::ofstream file(library / "KvTileImage_FileMapingConfig.json");
+  file << R"({"desc": {"rootDirList": [")" << folder << R"("]}})";
 }
 
 Result Sandbox::kvtile(std::vector<std::string> arguments) const {

@@ -19,7 +19,10 @@ struct Result {
   std::string err;
 };
 
-// A program on its way. Killed if it is not waited for.
+// The folder that stands in for the user's data folder where programs are started in `folder`.
+std::string dataFolderFor(const std::string& folder);
+
+// A program on its way, with a data folder of the sandbox's. Killed if it is not waited for.
 class Process {
  public:
   // `terminal`: a pseudo terminal's descriptor that becomes its stderr; -1: stderr is collected in a file.
@@ -57,6 +60,9 @@ class Sandbox {
 
   void write(const std::string& name, const std::string& bytes) const;
   std::string read(const std::string& name) const;
+
+  // Has the library keep the images of programs started here in `folder`, a path.
+  void keepImagesIn(const std::string& folder) const;
 
   // Starts kvtile or another program in the folder and waits for it.
   Result kvtile(std::vector<std::string> arguments) const;
