@@ -11,12 +11,11 @@ namespace support {
 // New and empty; removed with all that is in it.
 class ScratchFolder {
  public:
-  ScratchFolder() {
+  explicit ScratchFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
     static std::atomic<unsigned> made{0};
     const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
     do {
-      path_ = std::filesystem::temp_directory_path() /
-              ("kvtile-test-" + std::to_string(now) + "-" + std::to_string(made++));
+      path_ = parent / ("kvtile-test-" + std::to_string(now) + "-" + std::to_string(made++));
     } while (!std::filesystem::create_directory(path_));
   }
   ~ScratchFolder() {
