@@ -294,6 +294,7 @@ TEST(FileStorageTest, LeavesNoFileBehindWhicheverAllocationFails) {
   for (const char* text :
        {"[FileMappingStorageStrategy::postInitializeInterprocessA] postInitialize failed [reason: exception "
         "std::bad_alloc]",
+        "[FileMappingStorageStrategy::postInitializeInterprocessA] postInitialize failed [reason: block create failed]",
         "[FileMappingStorageStrategy::createNormal] create failed",
         "[TileManager::postInitializeNormal] blockCenter_ create failed"}) {
     EXPECT_TRUE(seen.contains(text)) << text;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <exception>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -116,7 +117,13 @@ bool FileMappingStorageStrategy::createFilesAndBlocks(const TileByteSizes& tileB
       if (!createFile(folders, bytes)) {
         return false;
       }
-      blocks_[row][column] = std::make_shared<FileMappingBlock>(bytes, *this, row, column, files_.size() - 1);
+      try {
+        blocks_[row][column] = std::make_shared<FileMappingBlock>(bytes, *this, row, column, files_.size() - 1);
+      } catch (const std::bad_alloc&) {
+        base::logger().log(ember_logger::error, "[%s] postInitialize failed [reason: block create failed]",
+                           kPostInitialize);
+        return false;
+      }
     }
   }
   return true;
