@@ -301,6 +301,15 @@ TEST(FileStorageTest, LeavesNoFileBehindWhicheverAllocationFails) {
   }
 }
 
+TEST(FileStorageTest, DeletesItsFilesWithoutMemory) {
+  auto image = TileImage::createNormal(inFiles(10, 10, 1, 8, kRow));
+  ASSERT_NE(image, nullptr);
+  support::failAllocation(1);
+  image.reset();
+  support::failAllocation(0);
+  EXPECT_THAT(backingFiles(), IsEmpty());
+}
+
 // ---- Which tiles are mapped
 
 // A grid of tiles of one unit each.
