@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kvtileimage/KvTileImage.h"
@@ -28,10 +29,8 @@ struct Size {
 // One image and its model, taken through the same random transfers.
 class TransferModel {
  public:
-  TransferModel(Size size, Format format, std::uint64_t seed)
-      : image_(support::allocate(size.width, size.height, format.samples, format.bits)),
-        model_(size.width, size.height, format),
-        random_(seed) {}
+  TransferModel(Image image, Size size, Format format, std::uint64_t seed)
+      : image_(std::move(image)), model_(size.width, size.height, format), random_(seed) {}
 
   void run(int transfers) {
     ASSERT_NE(image_, nullptr);
@@ -89,6 +88,12 @@ class TransferModel {
   }
 
   void transfer() {
+    if (below(8) == 0) {
+      KvTileImage_BeginCurrentThreadIO(image_.get());
+    }
+    if (below(8) == 0) {
+      KvTileImage_EndCurrentThreadIO(image_.get());
+    }
     const bool write = below(2) == 0;
     switch (below(5)) {
       case 0:
@@ -182,7 +187,7 @@ TEST_P(TransferModelTest, AgreesWithAPlainImage) {
       ++seed;
       SCOPED_TRACE(std::to_string(size.width) + " x " + std::to_string(size.height) + ", " + std::to_string(samples) +
                    " x " + std::to_string(bits) + " bits, seed " + std::to_string(seed));
-      TransferModel(size, {samples, bits}, seed).run(120);
+      TransferModel(support::allocate(size.width, size.height, samples, bits), size, {samples, bits}, seed).run(120);
       ASSERT_FALSE(HasFatalFailure());
     }
   }
@@ -190,5 +195,109 @@ TEST_P(TransferModelTest, AgreesWithAPlainImage) {
 
 INSTANTIATE_TEST_SUITE_P(Bits, TransferModelTest, testing::Values(1, 2, 4, 8, 16, 24, 32, 64),
                          testing::PrintToStringParamName());
+
+struct InFiles {
+  std::uint32_t operation;
+  Size size;
+};
+
+// Images a little larger than a tile in files, whose sides are 8 / bits times as long for packed samples. Thin ones
+// keep the model small.
+std::vector<InFiles> acrossFileTiles(std::uint32_t bits) {
+  const std::uint32_t scale = support::isPacked(bits) ? 8 / bits : 1;
+  std::vector<InFiles> images{
+      {KVTI_SCANLINE_OPERATION_ROW, {4096 * scale + 3, 2}},    {KVTI_SCANLINE_OPERATION_ROW, {2, 8192 * scale + 3}},
+      {KVTI_SCANLINE_OPERATION_COL, {2048 * scale + 3, 2}},    {KVTI_SCANLINE_OPERATION_COL, {2, 3072 * scale + 3}},
+      {KVTI_SCANLINE_OPERATION_ROWCOL, {4096 * scale + 3, 2}},  // 4096 x 256
+      {KVTI_SCANLINE_OPERATION_ROWCOL, {2, 4096 * scale + 3}}};
+  if (scale == 1) {  // both ways at once
+    images.push_back({KVTI_SCANLINE_OPERATION_ROWCOL, {259, 4099}});
+  }
+  return images;
+}
+
+class FileTransferModelTest : public testing::TestWithParam<std::uint32_t> {};
+
+TEST_P(FileTransferModelTest, AgreesWithAPlainImage) {
+  const support::LogCapture quiet;
+  const std::uint32_t bits = GetParam();
+  std::uint64_t seed = 20270212 + bits;
+  for (const std::uint32_t samples : {1U, 3U}) {
+    for (const auto& [operation, size] : acrossFileTiles(bits)) {
+      ++seed;
+      SCOPED_TRACE(std::to_string(size.width) + " x " + std::to_string(size.height) + ", " + std::to_string(samples) +
+                   " x " + std::to_string(bits) + " bits, operation " + std::to_string(operation) + ", seed " +
+                   std::to_string(seed));
+      Image image = support::allocateInFiles(size.width, size.height, samples, bits, operation);
+      TransferModel(std::move(image), size, {samples, bits}, seed).run(60);
+      ASSERT_FALSE(HasFatalFailure());
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Bits, FileTransferModelTest, testing::Values(1, 2, 4, 8, 16, 24),
+                         testing::PrintToStringParamName());
+
+// Some rows and columns of an image too large for the plain model, whose pixels follow from their place.
+class FileTileCornerTest : public testing::TestWithParam<std::uint32_t> {
+ protected:
+  std::uint64_t sampleAt(std::uint32_t x, std::uint32_t y) const {
+    return (x * 2654435761U ^ y * 2246822519U) >> 13 & ((1U << GetParam()) - 1);
+  }
+};
+
+TEST_P(FileTileCornerTest, IsCrossedByRowsAndColumns) {
+  const Format format{1, GetParam()};
+  const std::uint32_t scale = 8 / format.bits;
+  const Size size{4096 * scale + 5, 256 * scale + 3};  // tiles of 4096 * scale x 256 * scale
+  const Image image = support::allocateInFiles(size.width, size.height, 1, format.bits, KVTI_SCANLINE_OPERATION_ROWCOL);
+  ASSERT_NE(image, nullptr);
+  const std::vector<std::uint32_t> rows{0, 256 * scale - 1, 256 * scale, size.height - 1};
+  const std::vector<std::uint32_t> columns{0, 4096 * scale - 1, 4096 * scale, size.width - 1};
+  const auto row = [&](std::uint32_t y) {
+    Samples run;
+    for (std::uint32_t x = 0; x < size.width; ++x) {
+      run.push_back(sampleAt(x, y));
+    }
+    return support::packed(format, run);
+  };
+  const auto column = [&](std::uint32_t x) {
+    Samples run;
+    for (std::uint32_t y = 0; y < size.height; ++y) {
+      run.push_back(sampleAt(x, y));
+    }
+    return support::packed(format, run);
+  };
+  for (const std::uint32_t y : rows) {
+    const auto run = row(y);
+    ASSERT_TRUE(KvTileImage_SetFullRowData(image.get(), y, run.data(), run.size()));
+  }
+  for (const std::uint32_t x : columns) {
+    const auto run = column(x);
+    ASSERT_TRUE(KvTileImage_SetFullColData(image.get(), x, run.data(), run.size()));
+  }
+  for (const std::uint32_t y : rows) {
+    auto run = row(y);
+    const auto expected = std::exchange(run, std::vector<std::uint8_t>(run.size()));
+    ASSERT_TRUE(KvTileImage_GetFullRowData(image.get(), y, run.data(), run.size()));
+    ASSERT_EQ(run, expected) << "row " << y;
+  }
+  for (const std::uint32_t x : columns) {
+    auto run = column(x);
+    const auto expected = std::exchange(run, std::vector<std::uint8_t>(run.size()));
+    ASSERT_TRUE(KvTileImage_GetFullColData(image.get(), x, run.data(), run.size()));
+    ASSERT_EQ(run, expected) << "column " << x;
+  }
+  // A row that no one wrote has the columns' pixels only.
+  Samples between(size.width);
+  for (const std::uint32_t x : columns) {
+    between[x] = sampleAt(x, 100);
+  }
+  std::vector<std::uint8_t> run(support::runBytes(format, size.width));
+  ASSERT_TRUE(KvTileImage_GetFullRowData(image.get(), 100, run.data(), run.size()));
+  EXPECT_EQ(run, support::packed(format, between));
+}
+
+INSTANTIATE_TEST_SUITE_P(Bits, FileTileCornerTest, testing::Values(1, 2, 4), testing::PrintToStringParamName());
 
 }  // namespace

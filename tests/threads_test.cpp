@@ -1,13 +1,16 @@
 // Images used by several threads at once.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <random>
 #include <thread>
 #include <vector>
 
 #include "kvtileimage/KvTileImage.h"
 #include "support/image.h"
+#include "support/log_capture.h"
 
 namespace {
 
@@ -66,6 +69,187 @@ TEST(ThreadsTest, WriteDisjointColumnsOfOneImage) {
       ASSERT_EQ(row[x], valueAt(x, y)) << x << ", " << y;
     }
   }
+}
+
+// ---- Images in files
+
+// Tiles of 256 x 4096: seams at columns 256 and 512 and at row 4096.
+constexpr std::uint32_t kWidth = 600;
+constexpr std::uint32_t kHeight = 6200;
+
+// What threads wrote: everything else of the image is 0.
+class Expected {
+ public:
+  void set(std::uint32_t x, std::uint32_t y) { pixels_[std::size_t{y} * kWidth + x] = valueAt(x, y); }
+
+  void compareWith(TileImageHandle* image) const {
+    std::vector<std::uint8_t> row(kWidth);
+    for (std::uint32_t y = 0; y < kHeight; ++y) {
+      ASSERT_TRUE(KvTileImage_GetFullRowData(image, y, row.data(), row.size()));
+      ASSERT_TRUE(std::equal(row.begin(), row.end(), pixels_.begin() + static_cast<long>(y) * kWidth)) << "row " << y;
+    }
+  }
+
+ private:
+  std::vector<std::uint8_t> pixels_ = std::vector<std::uint8_t>(std::size_t{kWidth} * kHeight);
+};
+
+// Rows or columns of one thread: `count` different ones of those with this remainder, in random order.
+std::vector<std::uint32_t> share(std::uint32_t begin, std::uint32_t end, std::uint32_t parts, std::uint32_t part,
+                                 std::size_t count) {
+  std::vector<std::uint32_t> lines;
+  for (std::uint32_t line = begin + part; line < end; line += parts) {
+    lines.push_back(line);
+  }
+  std::mt19937_64 random(20270213 + part);
+  std::shuffle(lines.begin(), lines.end(), random);
+  lines.resize(std::min(count, lines.size()));
+  return lines;
+}
+
+void writeRow(TileImageHandle* image, std::uint32_t y, std::uint32_t x1, std::uint32_t x2) {
+  std::vector<std::uint8_t> run;
+  for (std::uint32_t x = x1; x < x2; ++x) {
+    run.push_back(valueAt(x, y));
+  }
+  EXPECT_TRUE(KvTileImage_SetRowData(image, y, x1, x2, run.data(), run.size()));
+}
+
+void writeColumn(TileImageHandle* image, std::uint32_t x, std::uint32_t y1, std::uint32_t y2) {
+  std::vector<std::uint8_t> run;
+  for (std::uint32_t y = y1; y < y2; ++y) {
+    run.push_back(valueAt(x, y));
+  }
+  EXPECT_TRUE(KvTileImage_SetColData(image, x, y1, y2, run.data(), run.size()));
+}
+
+bool pixelIs(TileImageHandle* image, std::uint32_t x, std::uint32_t y, std::uint8_t value) {
+  std::uint8_t pixel = 0;
+  return KvTileImage_GetPixelData(image, x, y, &pixel, 1) && pixel == value;
+}
+
+class FileThreadsTest : public testing::TestWithParam<bool> {
+ protected:
+  // Every other thread, or none, lets go of its tiles at the end.
+  void finish(std::uint32_t index) const {
+    if (GetParam() && index % 2 == 0) {
+      KvTileImage_EndCurrentThreadIO(image_.get());
+    }
+  }
+
+  Image image_ = support::allocateInFiles(kWidth, kHeight, 1, 8, KVTI_SCANLINE_OPERATION_ROWCOL);
+  Expected expected_;
+};
+
+TEST_P(FileThreadsTest, WriteDisjointRowsOfOneImage) {
+  ASSERT_NE(image_, nullptr);
+  const auto rowsOf = [](std::uint32_t index) { return share(3900, 4300, kThreads, index, 60); };
+  onThreads([&](std::uint32_t index) {
+    const auto rows = rowsOf(index);
+    for (const std::uint32_t y : rows) {
+      writeRow(image_.get(), y, 0, kWidth);
+      EXPECT_TRUE(pixelIs(image_.get(), 300, rows.front(), valueAt(300, rows.front())));
+    }
+    finish(index);
+  });
+  for (std::uint32_t index = 0; index < kThreads; ++index) {
+    for (const std::uint32_t y : rowsOf(index)) {
+      for (std::uint32_t x = 0; x < kWidth; ++x) {
+        expected_.set(x, y);
+      }
+    }
+  }
+  expected_.compareWith(image_.get());
+}
+
+TEST_P(FileThreadsTest, WriteDisjointColumnsOfOneImage) {
+  ASSERT_NE(image_, nullptr);
+  const auto columnsOf = [](std::uint32_t index) { return share(0, kWidth, kThreads, index, 60); };
+  onThreads([&](std::uint32_t index) {
+    const auto columns = columnsOf(index);
+    for (const std::uint32_t x : columns) {
+      writeColumn(image_.get(), x, 0, kHeight);
+      EXPECT_TRUE(pixelIs(image_.get(), columns.front(), 4096, valueAt(columns.front(), 4096)));
+    }
+    finish(index);
+  });
+  for (std::uint32_t index = 0; index < kThreads; ++index) {
+    for (const std::uint32_t x : columnsOf(index)) {
+      for (std::uint32_t y = 0; y < kHeight; ++y) {
+        expected_.set(x, y);
+      }
+    }
+  }
+  expected_.compareWith(image_.get());
+}
+
+// Half of the threads write rows left of column 300, the other half columns from there on: all share tiles.
+TEST_P(FileThreadsTest, WriteRowsAndColumnsOfOneImageAtTheSameTime) {
+  constexpr std::uint32_t kMiddle = 300;
+  ASSERT_NE(image_, nullptr);
+  const auto rowsOf = [](std::uint32_t index) { return share(4000, 4200, kThreads / 2, index / 2, 80); };
+  const auto columnsOf = [](std::uint32_t index) { return share(kMiddle, kWidth, kThreads / 2, index / 2, 80); };
+  onThreads([&](std::uint32_t index) {
+    if (index % 2 == 0) {
+      for (const std::uint32_t y : rowsOf(index)) {
+        writeRow(image_.get(), y, 0, kMiddle);
+        EXPECT_TRUE(pixelIs(image_.get(), 250, y, valueAt(250, y)));
+      }
+    } else {
+      for (const std::uint32_t x : columnsOf(index)) {
+        writeColumn(image_.get(), x, 0, kHeight);
+        EXPECT_TRUE(pixelIs(image_.get(), x, 6000, valueAt(x, 6000)));
+      }
+    }
+    finish(index / 2);
+  });
+  for (std::uint32_t index = 0; index < kThreads; index += 2) {
+    for (const std::uint32_t y : rowsOf(index)) {
+      for (std::uint32_t x = 0; x < kMiddle; ++x) {
+        expected_.set(x, y);
+      }
+    }
+    for (const std::uint32_t x : columnsOf(index)) {
+      for (std::uint32_t y = 0; y < kHeight; ++y) {
+        expected_.set(x, y);
+      }
+    }
+  }
+  expected_.compareWith(image_.get());
+}
+
+INSTANTIATE_TEST_SUITE_P(WithAndWithoutTheEndOfABatch, FileThreadsTest, testing::Bool(),
+                         testing::PrintToStringParamName());
+
+TEST(ThreadsTest, CreateUseAndReleaseImagesInFilesOfTheirOwn) {
+  onThreads([](std::uint32_t index) {
+    for (std::uint32_t round = 0; round < 10; ++round) {
+      const Image image = support::allocateInFiles(300, 4100, 1, 8, KVTI_SCANLINE_OPERATION_ROWCOL);
+      ASSERT_NE(image, nullptr);
+      writeRow(image.get(), 4095 + index, 200, 300);
+      writeColumn(image.get(), 255 + index, 4000, 4095);
+      EXPECT_TRUE(pixelIs(image.get(), 256, 4095 + index, valueAt(256, 4095 + index)));
+      EXPECT_TRUE(pixelIs(image.get(), 255 + index, 4001, valueAt(255 + index, 4001)));
+      EXPECT_TRUE(pixelIs(image.get(), 0, 0, 0));
+    }
+  });
+}
+
+// A thread's own objects go after its last use of an image, in an order that the library has no say in.
+TEST(ThreadsTest, ReleaseImagesInFilesAsTheThreadEnds) {
+  support::LogCapture log(ember_logger::debug);
+  for (const bool usedFirst : {false, true}) {
+    std::thread([usedFirst] {
+      if (usedFirst) {  // the library's own object of this thread is older, or younger, than the holder
+        EXPECT_TRUE(pixelIs(support::allocateInFiles(5, 5, 1, 8, KVTI_SCANLINE_OPERATION_ROW).get(), 4, 4, 0));
+      }
+      static thread_local Image held;
+      held = support::allocateInFiles(300, 4100, 1, 8, KVTI_SCANLINE_OPERATION_ROWCOL);
+      ASSERT_NE(held, nullptr);
+      writeRow(held.get(), 4098, 0, 300);
+    }).join();
+  }
+  EXPECT_TRUE(log.take().empty());
 }
 
 TEST(ThreadsTest, CreateTurnAndReleaseImagesOfTheirOwn) {

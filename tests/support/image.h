@@ -18,4 +18,10 @@ inline Image allocate(std::uint32_t width, std::uint32_t height, std::uint32_t s
   return Image(KvTileImage_Alloc(width, height, samples, bits, sampleformat, 0));
 }
 
+// An image in files, whatever its size.
+inline Image allocateInFiles(std::uint32_t width, std::uint32_t height, std::uint32_t samples, std::uint32_t bits,
+                             std::uint32_t operation) {
+  return Image(KvTileImage_AllocEx(width, height, samples, bits, KVTI_SAMPLEFORMAT_UINT, 1, operation));
+}
+
 }  // namespace support
