@@ -17,6 +17,7 @@ using namespace interprocess;
 using testing::Combine;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 using testing::Values;
 
 constexpr const char* kCleans = "[FileMappingDirHelper::clearRubbish] need to clear cache!";
@@ -273,6 +274,25 @@ TEST(LockFileTest, EndsTheCleanUpIfItCannotBeMade) {
   EXPECT_EQ(worker.ask("read b 1"), "same");
   EXPECT_EQ(worker.ask("unload b"), "unloaded");
   EXPECT_EQ(worker.end(), 0);
+}
+
+TEST(LockFileTest, IsNotHandedOnToTheProgramsThatAHostStarts) {
+  const Home home;
+  const Program program(home);
+  const Program tool(home, "tool");
+  Worker host(program);
+  ASSERT_EQ(host.ask(std::string("make a") + kFourTiles), "made");
+  host.tell("start " + tool.path().string());
+  ASSERT_THAT((Names{host.answer(), host.answer()}), UnorderedElementsAre("started", "ready")) << "the tool is ready";
+  host.kill();
+
+  Worker next(program);
+  EXPECT_EQ(next.ask(std::string("make b") + kInMemory), "made");
+  EXPECT_EQ(next.logged(kCleans), 1);
+  EXPECT_THAT(program.backingFiles(), IsEmpty());
+  host.process().closeInput();
+  while (host.process().readLine()) {  // until the tool has ended, too
+  }
 }
 
 }  // namespace

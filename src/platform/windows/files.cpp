@@ -1,5 +1,6 @@
 #include "platform/files.h"
 
+#include <io.h>
 #include <share.h>
 #include <windows.h>
 
@@ -10,6 +11,15 @@ namespace {
 
 std::error_code lastError() { return {static_cast<int>(GetLastError()), std::system_category()}; }
 
+// A program that the host starts must not get hold of the file: it would keep it locked when the host has ended.
+Stream openForThisProcess(const std::wstring& path, const wchar_t* mode, int sharing) {
+  Stream stream(_wfsopen(path.c_str(), mode, sharing));
+  if (stream != nullptr) {
+    SetHandleInformation(reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream.get()))), HANDLE_FLAG_INHERIT, 0);
+  }
+  return stream;
+}
+
 // Closes a file's handle.
 struct CloseFile {
   void operator()(void* handle) const noexcept { CloseHandle(handle); }
@@ -17,15 +27,14 @@ struct CloseFile {
 
 }  // namespace
 
-// N: child processes do not inherit the stream, which would keep others out for as long as they run.
-Stream openTextForReading(const std::wstring& path) { return Stream(_wfsopen(path.c_str(), L"rN", _SH_DENYNO)); }
+Stream openTextForReading(const std::wstring& path) { return openForThisProcess(path, L"r", _SH_DENYNO); }
 
 bool writeText(const std::wstring& path, std::string_view text) {
-  const Stream stream(_wfsopen(path.c_str(), L"wN", _SH_DENYRD));
+  const Stream stream = openForThisProcess(path, L"w", _SH_DENYRD);
   return stream != nullptr && std::fwrite(text.data(), 1, text.size(), stream.get()) == text.size();
 }
 
-Stream openLockFile(const std::wstring& path) { return Stream(_wfsopen(path.c_str(), L"wbN", _SH_DENYRW)); }
+Stream openLockFile(const std::wstring& path) { return openForThisProcess(path, L"wb", _SH_DENYRW); }
 
 std::error_code createZeroFile(const std::string& narrowPath, std::uint64_t bytes) {
   const HANDLE handle = CreateFileA(narrowPath.c_str(), GENERIC_READ | GENERIC_WRITE,
