@@ -274,6 +274,30 @@ TEST(FileStorageTest, TracesItsFlusher) {
   EXPECT_EQ(log.take(), (support::LogLines{{ember_logger::trace, "[SyncFlusher::create] use SyncFlush"}}));
 }
 
+// A process that had this one's id may have left it, or still have it in use in another container.
+TEST(FileStorageTest, MakesNoFileOverOneThatIsThere) {
+  const std::wstring folder = cache::FileMappingDirHelper::instance()->rootDirList().front();
+  const auto last = cache::FileMappingFilePathHelper::getUniqueFileInfo(folder);
+  ASSERT_TRUE(last);
+  std::vector<std::filesystem::path> others;
+  for (const std::uint64_t ahead : {1, 2}) {
+    std::wstring name = folder + cache::FileMappingFilePathHelper::prefix() + std::to_wstring(last->number + ahead);
+    name += cache::FileMappingFilePathHelper::kExtension;
+    others.emplace_back(name);
+    std::ofstream(others.back(), std::ios::binary) << "another's";
+  }
+  {
+    const auto image = TileImage::createNormal(inFiles(10, 10, 1, 8, kRow));
+    ASSERT_NE(image, nullptr);
+    EXPECT_EQ(backingFiles().back().number, last->number + 3);
+  }
+  for (const auto& other : others) {
+    EXPECT_EQ(contents(other), (Bytes{'a', 'n', 'o', 't', 'h', 'e', 'r', '\'', 's'}));
+    std::filesystem::remove(other);
+  }
+  EXPECT_THAT(backingFiles(), IsEmpty());
+}
+
 TEST(FileStorageTest, LeavesNoFileBehindWhicheverAllocationFails) {
   std::set<std::string> seen;
   std::unique_ptr<TileImage> image;
@@ -640,20 +664,28 @@ TEST(SyncFlusherTest, LeavesTilesToTheSystemWhereRowAndColumnAreSuchMultiples) {
 constexpr const char* kNotMapped =
     "[FileMappingBlock::ensureValidAndUse] ensureValid failed [reason: exception map_view_of_file_ex failed]";
 
+// The library's own text, and what the system says of the file.
+void expectNotMapped(const support::LogLines& lines, const std::filesystem::path& file) {
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_EQ(lines[0], (LogLine{ember_logger::error, kNotMapped}));
+  EXPECT_THAT(lines[1].text, testing::StartsWith("[FileMappingBlock::ensureValidAndUse] "));
+  EXPECT_THAT(lines[1].text, testing::HasSubstr(file.filename().string() + " cannot be mapped: "));
+}
+
 TEST_F(FileGridTest, LetsGoOfTheWholeAreaIfATileCannotBeMapped) {
   make(3, 3);
   strategy_->updateCache({0, 2, 0, 2}, true);
   {
     const support::Unmappable broken(file(1, 2));
     LogCapture log;
-    strategy_->updateCache({1, 3, 0, 3}, true);
-    EXPECT_EQ(log.take(), errors({kNotMapped}));
+    EXPECT_FALSE(strategy_->updateCache({1, 3, 0, 3}, true));
+    expectNotMapped(log.take(), file(1, 2));
     EXPECT_THAT(users(), ElementsAre("...", "...", "..."));
     // It tries again every time.
-    strategy_->updateCache({1, 3, 0, 3}, true);
-    EXPECT_EQ(log.take(), errors({kNotMapped}));
+    EXPECT_FALSE(strategy_->updateCache({1, 3, 0, 3}, true));
+    expectNotMapped(log.take(), file(1, 2));
     EXPECT_THAT(users(), ElementsAre("...", "...", "..."));
-    strategy_->updateCache({0, 2, 0, 2}, false);
+    EXPECT_TRUE(strategy_->updateCache({0, 2, 0, 2}, false));
     EXPECT_THAT(log.take(), IsEmpty());
     EXPECT_THAT(users(), ElementsAre("11.", "11.", "..."));
   }
@@ -669,8 +701,8 @@ TEST_F(FileGridTest, FailsWithoutAnyAreaBefore) {
   make(1, 2);
   const support::Unmappable broken(file(0, 0));
   LogCapture log(ember_logger::debug);
-  strategy_->updateCache({0, 2, 0, 1}, false);
-  EXPECT_EQ(log.take(), errors({kNotMapped}));
+  EXPECT_FALSE(strategy_->updateCache({0, 2, 0, 1}, false));
+  expectNotMapped(log.take(), file(0, 0));
   EXPECT_THAT(users(), ElementsAre(".."));
   strategy_->endCurrentThreadIO();
   EXPECT_THAT(log.take(), IsEmpty());
@@ -685,8 +717,8 @@ TEST_F(FileGridTest, LeavesAnotherThreadsTilesAloneWhenOneCannotBeMapped) {
   {
     const support::Unmappable broken(file(1, 1));
     LogCapture log(ember_logger::debug);
-    strategy_->updateCache({0, 2, 0, 2}, false);
-    EXPECT_EQ(log.take(), errors({kNotMapped}));
+    EXPECT_FALSE(strategy_->updateCache({0, 2, 0, 2}, false));
+    expectNotMapped(log.take(), file(1, 1));
     EXPECT_THAT(users(), ElementsAre("11", ".."));
     strategy_->endCurrentThreadIO();
     EXPECT_THAT(users(), ElementsAre("11", ".."));
@@ -738,6 +770,27 @@ TEST_F(FileGridTest, LetsGoOfTheWholeAreaWhicheverAllocationFails) {
   EXPECT_THAT(users(), ElementsAre("..", ".."));
 }
 
+// The copy must not begin: what it reached first would go when the other thread lets go of it.
+TEST(FileImageTest, TouchesNoTileIfOneOfTheAreaCannotBeMappedWhateverOtherThreadsHold) {
+  const support::Image image(KvTileImage_AllocEx(300, 4100, 1, 8, KVTI_SAMPLEFORMAT_UINT, 1, kRowCol));
+  ASSERT_NE(image, nullptr);
+  OtherThread other;
+  other.run([&] {
+    std::uint8_t pixel = 0;
+    EXPECT_TRUE(KvTileImage_GetPixelData(image.get(), 0, 4098, &pixel, 1));
+  });
+  const Bytes written(300, 0x5A);
+  {
+    const support::Unmappable broken(backingFiles()[3].path);
+    const LogCapture quiet;
+    EXPECT_FALSE(KvTileImage_SetFullRowData(image.get(), 4098, written.data(), written.size()));
+  }
+  Bytes row(300, 0x11);
+  ASSERT_TRUE(KvTileImage_GetFullRowData(image.get(), 4098, row.data(), row.size()));
+  EXPECT_EQ(row, Bytes(300, 0));
+  other.run([&] { KvTileImage_EndCurrentThreadIO(image.get()); });
+}
+
 TEST(FileImageTest, FailsTheAccessToATileThatCannotBeMappedAndWorksOnceItCan) {
   const support::Image image(KvTileImage_AllocEx(300, 4100, 1, 8, KVTI_SAMPLEFORMAT_UINT, 1, kRowCol));
   ASSERT_NE(image, nullptr);
@@ -750,12 +803,11 @@ TEST(FileImageTest, FailsTheAccessToATileThatCannotBeMappedAndWorksOnceItCan) {
     const support::Unmappable broken(files[3].path);
     LogCapture log;
     EXPECT_FALSE(KvTileImage_GetFullRowData(image.get(), 4098, row.data(), row.size()));
-    const auto lines = log.take();
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.front(), (LogLine{ember_logger::error, kNotMapped}));
-    EXPECT_EQ(lines.back(), (LogLine{ember_logger::error,
-                                     "[TileImage::copyRowData_8multipleBitsPerSample] tile copyRowData failed! y:4098 "
-                                     "x1:0 x2:300 tileRowCount:2 tileColCount:2"}));
+    auto lines = log.take();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines.back(), (LogLine{ember_logger::error, "[TileImage::copyRowData] adjustCachedTile failed!"}));
+    lines.pop_back();
+    expectNotMapped(lines, files[3].path);
     EXPECT_FALSE(KvTileImage_GetFullColData(image.get(), 299, row.data(), 4100));
     EXPECT_TRUE(KvTileImage_GetRowData(image.get(), 4098, 0, 256, row.data(), row.size()));
   }

@@ -75,15 +75,22 @@ TEST(Utf8Test, RefusesHalvesOfCharacters) {
 
 // ---- Files
 
-TEST(FilesTest, CreatesFilesOfZeroBytesInPlaceOfWhatWasThere) {
+TEST(FilesTest, CreatesFilesOfZeroBytes) {
   const ScratchFolder scratch;
-  const std::string name = platform::narrowPath(scratch.wide() + L"zeros");
   for (const std::uint64_t bytes : {std::uint64_t{1}, std::uint64_t{100000}, std::uint64_t{65536}}) {
-    writeFile(scratch.path() / "zeros", std::string(70000, 'x'));
-    ASSERT_FALSE(platform::createZeroFile(name, bytes));
-    EXPECT_EQ(contentsOf(scratch.path() / "zeros"), std::string(bytes, '\0')) << bytes;
-    EXPECT_FALSE(support::isOpen(scratch.path() / "zeros"));
+    const std::wstring name = std::to_wstring(bytes);
+    ASSERT_FALSE(platform::createZeroFile(platform::narrowPath(scratch.wide() + name), bytes));
+    EXPECT_EQ(contentsOf(scratch.path() / name), std::string(bytes, '\0'));
+    EXPECT_FALSE(support::isOpen(scratch.path() / name));
   }
+}
+
+TEST(FilesTest, CreatesNoFileOverAnother) {
+  const ScratchFolder scratch;
+  writeFile(scratch.path() / "zeros", "another's");
+  const auto error = platform::createZeroFile(platform::narrowPath(scratch.wide() + L"zeros"), 10);
+  EXPECT_EQ(error, std::errc::file_exists);
+  EXPECT_EQ(contentsOf(scratch.path() / "zeros"), "another's");
 }
 
 TEST(FilesTest, LeavesNothingOfAFileThatCannotBeCreated) {
@@ -136,16 +143,34 @@ TEST(FilesTest, LetsOneHolderOfALockFileIn) {
   EXPECT_EQ(platform::openLockFile(scratch.wide() + L"missing/lock"), nullptr);
 }
 
-TEST(FilesTest, KeepsReadersFromAFileThatIsBeingWritten) {
+TEST(FilesTest, KeepsReadersAndWritersFromAFileThatDeniesThem) {
   const ScratchFolder scratch;
   const std::wstring name = scratch.wide() + L"text";
-  platform::Stream writer = platform::openTextForWriting(name);
-  ASSERT_NE(writer, nullptr);
+  platform::Stream holder = platform::openLockFile(name);
+  ASSERT_NE(holder, nullptr);
   EXPECT_EQ(platform::openTextForReading(name), nullptr);
-  writer.reset();
+  EXPECT_FALSE(platform::writeText(name, "not written"));
+  holder.reset();
+  EXPECT_EQ(contentsOf(scratch.path() / "text"), "");
   const platform::Stream reader = platform::openTextForReading(name);
   EXPECT_NE(reader, nullptr);
   EXPECT_NE(platform::openTextForReading(name), nullptr);
+}
+
+TEST(FilesTest, WritesWholeTexts) {
+  const ScratchFolder scratch;
+  const std::wstring name = scratch.wide() + L"text";
+  EXPECT_TRUE(platform::writeText(name, "a longer text"));
+  EXPECT_EQ(contentsOf(scratch.path() / "text"), "a longer text");
+  EXPECT_TRUE(platform::writeText(name, "short"));
+  EXPECT_EQ(contentsOf(scratch.path() / "text"), "short");
+  EXPECT_TRUE(platform::writeText(name, ""));
+  EXPECT_EQ(contentsOf(scratch.path() / "text"), "");
+  EXPECT_FALSE(platform::writeText(scratch.wide() + L"missing/text", "text"));
+  std::filesystem::create_directory(scratch.path() / "folder");
+  EXPECT_FALSE(platform::writeText(scratch.wide() + L"folder", "text"));
+  const auto entries = std::distance(std::filesystem::directory_iterator(scratch.path()), {});
+  EXPECT_EQ(entries, 2) << "text and folder";
 }
 
 TEST(FilesTest, MakesChainsOfFolders) {

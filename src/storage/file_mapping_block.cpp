@@ -20,6 +20,16 @@ void logFailedMapping(const std::exception& exception) {
                      exception.what());
 }
 
+// What the system says; left out where there is no memory for it.
+void logSystemsReason(const std::string& file, std::uint64_t bytes, std::uint32_t errorCode) noexcept {
+  try {
+    const std::string reason = std::system_category().message(static_cast<int>(errorCode));
+    base::logger().log(ember_logger::error, "[%s] %llu bytes of %s cannot be mapped: %s", kEnsureValidAndUse,
+                       ull{bytes}, file.c_str(), reason.c_str());
+  } catch (const std::exception&) {
+  }
+}
+
 }  // namespace
 
 std::uint8_t* FileMappingBlock::load() {
@@ -45,10 +55,8 @@ bool FileMappingBlock::map() {
     buf_ = region_->address();
     return true;
   } catch (const win_interprocess::interprocess_exception& exception) {
-    const std::string reason = std::system_category().message(static_cast<int>(exception.error_code()));
-    base::logger().log(ember_logger::error, "[%s] %llu bytes of %s cannot be mapped: %s", kEnsureValidAndUse,
-                       ull{size()}, owner_.file(fileIndex_).name().c_str(), reason.c_str());
     logFailedMapping(exception);
+    logSystemsReason(owner_.file(fileIndex_).name(), size(), exception.error_code());
   } catch (const std::exception& exception) {
     logFailedMapping(exception);
   }

@@ -54,8 +54,10 @@ void ThreadLocalData::checkThread() const {
   }
 }
 
-const ThreadLocalData::AreaRecord& ThreadLocalData::updateArea(std::uint64_t key, const AliveFlag& alive,
-                                                               const TileArea& newArea, TileArea& oldArea) {
+const std::shared_ptr<ThreadLocalData::AreaRecord>& ThreadLocalData::updateArea(std::uint64_t key,
+                                                                                const AliveFlag& alive,
+                                                                                const TileArea& newArea,
+                                                                                TileArea& oldArea) {
   if (key == 0) {
     base::logger().log(ember_logger::error, "[%s] ptr is nullptr,check your code!", "ThreadLocalData::updateArea");
     throw kCheckYourCode;
@@ -68,7 +70,7 @@ const ThreadLocalData::AreaRecord& ThreadLocalData::updateArea(std::uint64_t key
   }
   oldArea = lastRecord_->area;
   lastRecord_->area = newArea;
-  return *lastRecord_;
+  return lastRecord_;
 }
 
 std::shared_ptr<ThreadLocalData::AreaRecord> ThreadLocalData::findOrCreate(std::uint64_t key, const AliveFlag& alive) {

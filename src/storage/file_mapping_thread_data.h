@@ -37,7 +37,8 @@ class ThreadLocalData final : public platform::ThreadObject {
   // Makes `newArea` the area for `key` and puts the one before, empty at first, into `oldArea`. Throws the text
   // "check your code!", after logging it, if key is 0 or the calling thread is another one. Returns the record, which
   // is valid until the next call.
-  const AreaRecord& updateArea(std::uint64_t key, const AliveFlag& alive, const TileArea& newArea, TileArea& oldArea);
+  const std::shared_ptr<AreaRecord>& updateArea(std::uint64_t key, const AliveFlag& alive, const TileArea& newArea,
+                                                TileArea& oldArea);
 
   // Removes the record for `key`; false if there is none. Throws as updateArea does.
   bool check(std::uint64_t key);

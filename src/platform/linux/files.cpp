@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -108,6 +109,10 @@ std::error_code extend(const Descriptor& descriptor, std::uint64_t bytes) {
 std::error_code takeRoom(const Descriptor& descriptor, std::uint64_t bytes) {
   if (!withinFileSizeLimit(bytes)) {
     return std::make_error_code(std::errc::file_too_large);
+  }
+  struct statvfs disk {};
+  if (fstatvfs(descriptor.get(), &disk) == 0 && bytes / disk.f_frsize > disk.f_bavail) {
+    return std::make_error_code(std::errc::no_space_on_device);  // trying it would fill the disk first
   }
   const std::error_code error = reserve(descriptor, bytes);
   const bool unable = error.value() == EOPNOTSUPP || error.value() == ENOSYS;

@@ -42,9 +42,8 @@ std::string statusOf(std::int32_t id, std::string_view key) {
   return "";
 }
 
-// The file name of the program that the process runs, while it can be read.
-std::optional<std::wstring> programOf(std::int32_t id) {
-  std::error_code error;
+// The file name of the program that the process runs, while it can be read. `error` tells why it cannot.
+std::optional<std::wstring> programOf(std::int32_t id, std::error_code& error) {
   const path target = std::filesystem::read_symlink(folderOf(id) / "exe", error);
   if (error) {
     return std::nullopt;
@@ -86,7 +85,8 @@ bool running(std::int32_t id, const std::wstring& executable) {
   if (gone(id)) {
     return false;
   }
-  const auto program = programOf(id);
+  std::error_code error;
+  const auto program = programOf(id, error);
   if (program && namesProgram(*program, executable)) {
     return true;
   }
@@ -95,7 +95,7 @@ bool running(std::int32_t id, const std::wstring& executable) {
   if (!command || sameCommand(*command, executable) || sameCommand(*command, std::wstring(programStem(executable)))) {
     return true;
   }
-  return !program && statusOf(id, "Uid:") == std::to_string(getuid());
+  return error == std::errc::permission_denied && statusOf(id, "Uid:") == std::to_string(getuid());
 }
 
 }  // namespace
