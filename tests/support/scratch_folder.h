@@ -1,6 +1,10 @@
 // A folder of a test's own.
 #pragma once
 
+#ifndef _WIN32
+#include <unistd.h>
+#endif
+
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -8,7 +12,7 @@
 
 namespace support {
 
-// New and empty; removed with all that is in it.
+// New and empty; removed with all that is in it, but not by a forked process that ends.
 class ScratchFolder {
  public:
   explicit ScratchFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
@@ -19,8 +23,10 @@ class ScratchFolder {
     } while (!std::filesystem::create_directory(path_));
   }
   ~ScratchFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
+    if (processId() == maker_) {
+      std::error_code ignored;
+      std::filesystem::remove_all(path_, ignored);
+    }
   }
   ScratchFolder(const ScratchFolder&) = delete;
   ScratchFolder& operator=(const ScratchFolder&) = delete;
@@ -31,7 +37,16 @@ class ScratchFolder {
   std::wstring wide() const { return path_.generic_wstring() + L"/"; }
 
  private:
+  static long processId() {
+#ifdef _WIN32
+    return 0;  // no process is a copy of another there
+#else
+    return getpid();
+#endif
+  }
+
   std::filesystem::path path_;
+  long maker_ = processId();
 };
 
 }  // namespace support
