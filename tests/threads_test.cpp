@@ -10,7 +10,6 @@
 
 #include "kvtileimage/KvTileImage.h"
 #include "support/image.h"
-#include "support/log_capture.h"
 
 namespace {
 
@@ -233,23 +232,6 @@ TEST(ThreadsTest, CreateUseAndReleaseImagesInFilesOfTheirOwn) {
       EXPECT_TRUE(pixelIs(image.get(), 0, 0, 0));
     }
   });
-}
-
-// A thread's own objects go after its last use of an image, in an order that the library has no say in.
-TEST(ThreadsTest, ReleaseImagesInFilesAsTheThreadEnds) {
-  support::LogCapture log(ember_logger::debug);
-  for (const bool usedFirst : {false, true}) {
-    std::thread([usedFirst] {
-      if (usedFirst) {  // the library's own object of this thread is older, or younger, than the holder
-        EXPECT_TRUE(pixelIs(support::allocateInFiles(5, 5, 1, 8, KVTI_SCANLINE_OPERATION_ROW).get(), 4, 4, 0));
-      }
-      static thread_local Image held;
-      held = support::allocateInFiles(300, 4100, 1, 8, KVTI_SCANLINE_OPERATION_ROWCOL);
-      ASSERT_NE(held, nullptr);
-      writeRow(held.get(), 4098, 0, 300);
-    }).join();
-  }
-  EXPECT_TRUE(log.take().empty());
 }
 
 TEST(ThreadsTest, CreateTurnAndReleaseImagesOfTheirOwn) {
