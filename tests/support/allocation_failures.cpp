@@ -1,5 +1,5 @@
-// Replaces operator new: allocations fail where a test says so, and those of absurd sizes always (under
-// AddressSanitizer, too, whose own operator new would end the process; malloc and calloc are told to return null).
+// Replaces operator new: allocations fail where a test says so, and those of absurd sizes always (under the sanitizers,
+// too, whose own operator new would end the process; malloc and calloc are told to return null).
 #include "support/allocation_failures.h"
 
 #include <atomic>
@@ -35,6 +35,7 @@ bool allocationHasFailed() { return failed; }
 }  // namespace support
 
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return size < kMoreThanAnyMachineHas && !failsNow() ? std::malloc(size == 0 ? 1 : size) : nullptr;

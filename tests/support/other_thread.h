@@ -32,9 +32,11 @@ class OtherThread {
 
   void work() {
     std::unique_lock lock(mutex_);
-    while (!ended_) {
+    while (!ended_) {  // set by a task, on this thread
       changed_.wait(lock, [this] { return task_ != nullptr; });
+      lock.unlock();
       task_();
+      lock.lock();
       task_ = nullptr;
       changed_.notify_all();
     }
