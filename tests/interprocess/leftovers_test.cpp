@@ -222,16 +222,16 @@ TEST_F(NamedTest, StayIfTheirProcessIsTheOneThatCleansUp) {
 TEST_F(NamedTest, GoIfTheNameTellsNoProcess) {
   const std::string extension = kBackingFileExtension;
   program_.leave("process_abc_3" + extension);
-  program_.leave("stray" + extension);
+  program_.leave("lost" + extension);
   program_.leave("process_" + std::to_string(cleaner_.id()) + extension);
   program_.leave("process_99999999999999999999_1" + extension);
   program_.leave("process_-1_1" + extension);
-  program_.leave("process_7_8.KORVANEFILEMAPPING");
+  program_.leave("STRAY.KORVANEFILEMAPPING");
   cleanUp();
   const Names left = namesIn(program_.cacheFolders().at(0));
   EXPECT_THAT(left, IsEmpty());
   EXPECT_EQ(cleaner_.logged("pid:0 is dead"), 1);
-  EXPECT_EQ(cleaner_.logged("invalid fileMapping path"), 2);
+  EXPECT_EQ(cleaner_.logged("invalid fileMapping path"), 3);
   EXPECT_EQ(cleaner_.logged("is removed!"), 6);
 }
 

@@ -1,5 +1,6 @@
 // The commands
 //   limit file-size BYTES | files COUNT   limited, or failed: what this process may use from now on
+//   become USER                           became, or failed: the user's number, also that of the group
 //   fork COMMAND; COMMAND ...             a forked process carries them out and ends; its answers come before the
 //                                         answer "ended CODE", negative if a signal ended it
 //   start PROGRAM                         started, or failed: a program that shares this one's stdin and stdout
@@ -25,6 +26,12 @@ std::string limit(std::istream& words) {
   words >> what >> most;
   const struct rlimit limit { most, most };
   return setrlimit(what == "files" ? RLIMIT_NOFILE : RLIMIT_FSIZE, &limit) == 0 ? "limited" : "failed";
+}
+
+std::string become(std::istream& words) {
+  unsigned user = 0;
+  words >> user;
+  return setgid(user) == 0 && setuid(user) == 0 ? "became" : "failed";
 }
 
 std::string carryOutForked(std::istream& words) {
@@ -57,6 +64,9 @@ std::string start(std::istream& words) {
 std::string systemAnswerTo(const std::string& name, std::istream& words) {
   if (name == "limit") {
     return limit(words);
+  }
+  if (name == "become") {
+    return become(words);
   }
   if (name == "fork") {
     return carryOutForked(words);
