@@ -178,6 +178,21 @@ TEST_F(DiskTest, HoldsImagesIfItCannotReserveRoom) {
   EXPECT_EQ(worker.end(), 0);
 }
 
+TEST_F(DiskTest, HoldsImagesIfItDoesNotTellItsSize) {
+  useDisk(SmallDisk::Kind::NoSize, 32 * kMiB);
+  if (IsSkipped()) {
+    return;
+  }
+  Worker worker(program_);
+  const std::filesystem::path folder = cacheFolder(worker);
+  EXPECT_EQ(worker.ask(std::string("make a") + kFourTiles), "made") << worker.log(3);
+  EXPECT_EQ(worker.ask("write a 1"), "written");
+  EXPECT_EQ(worker.ask("read a 1"), "same");
+  EXPECT_EQ(worker.ask("unload a"), "unloaded");
+  EXPECT_THAT(namesIn(folder), IsEmpty());
+  EXPECT_EQ(worker.end(), 0);
+}
+
 // ---- Limits of the process
 
 class LimitsTest : public testing::Test {

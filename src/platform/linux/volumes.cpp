@@ -55,7 +55,8 @@ std::uint64_t fixedDriveFreeBytes(const std::wstring& folder) {
 
 std::optional<std::uint64_t> freeBytes(const std::wstring& folder) {
   struct statvfs status {};
-  if (statvfs(nearestExisting(folder).c_str(), &status) != 0) {
+  // Some file systems, of memory or of a program, have no size.
+  if (statvfs(nearestExisting(folder).c_str(), &status) != 0 || status.f_blocks == 0) {
     return std::nullopt;
   }
   return std::uint64_t{status.f_bavail} * status.f_frsize;
