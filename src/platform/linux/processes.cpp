@@ -42,11 +42,14 @@ std::string statusOf(std::int32_t id, std::string_view key) {
   return "";
 }
 
-// The file name of the program that the process runs, while it can be read. `error` tells why it cannot.
-std::optional<std::wstring> programOf(std::int32_t id, std::error_code& error) {
+// The file name of the program that the process runs, while it can be read; empty for one that runs none.
+std::optional<std::wstring> programOf(std::int32_t id) {
+  std::error_code error;
   const path target = std::filesystem::read_symlink(folderOf(id) / "exe", error);
   if (error) {
-    return std::nullopt;
+    // A thread of the kernel has no program. Nor has a process whose first thread has ended, but that has others.
+    const bool kernel = error == std::errc::no_such_file_or_directory && statusOf(id, "Threads:") == "1";
+    return kernel ? std::optional(std::wstring()) : std::nullopt;
   }
   try {
     return fromUtf8(path(nameOfProgram(target.native())).filename().native());
@@ -85,8 +88,7 @@ bool running(std::int32_t id, const std::wstring& executable) {
   if (gone(id)) {
     return false;
   }
-  std::error_code error;
-  const auto program = programOf(id, error);
+  const auto program = programOf(id);
   if (program && namesProgram(*program, executable)) {
     return true;
   }
@@ -95,7 +97,7 @@ bool running(std::int32_t id, const std::wstring& executable) {
   if (!command || sameCommand(*command, executable) || sameCommand(*command, std::wstring(programStem(executable)))) {
     return true;
   }
-  return error == std::errc::permission_denied && statusOf(id, "Uid:") == std::to_string(getuid());
+  return !program && statusOf(id, "Uid:") == std::to_string(getuid());
 }
 
 }  // namespace
