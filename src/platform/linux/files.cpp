@@ -111,7 +111,7 @@ std::error_code takeRoom(const Descriptor& descriptor, std::uint64_t bytes) {
     return std::make_error_code(std::errc::file_too_large);
   }
   struct statvfs disk {};
-  if (fstatvfs(descriptor.get(), &disk) == 0 && bytes / disk.f_frsize > disk.f_bavail) {
+  if (fstatvfs(descriptor.get(), &disk) == 0 && disk.f_blocks != 0 && bytes / disk.f_frsize > disk.f_bavail) {
     return std::make_error_code(std::errc::no_space_on_device);  // trying it would fill the disk first
   }
   const std::error_code error = reserve(descriptor, bytes);
