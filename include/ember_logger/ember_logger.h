@@ -39,6 +39,9 @@ extern "C" {
  * The texts belong to the logger and are valid during the call only. Called on the thread that logs, before the logging
  * call returns, one call at a time in the whole process. What a sink logs itself, on its own thread, goes to stderr. It
  * must return, and must not wait for another thread that logs or calls EmberLogger_SetSink: that thread waits for it.
+ * A sink shows or stores the message and returns. The library that reports may be in the middle of its work: calling it
+ * from the sink can wait for ever.
+ *
  * A C++ exception that leaves the sink is dropped if the sink is built with this library's compiler; with another one
  * it must not leave. */
 typedef void (*EmberLogger_Sink)(int severity, const char* tag, const char* message, void* user);
