@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "platform/paths.h"
@@ -81,11 +82,15 @@ TEST(WindowsPathsTest, HoldHostFilesWhereverTheProgramIs) {
   EXPECT_TRUE(platform::mayHoldHostFiles(L"C:/Program Files/Sample/"));
 }
 
-TEST(WindowsPathsTest, ReplaceWhatTheCodePageLacks) {
+TEST(WindowsPathsTest, AreInTheCodePageOrRefused) {
   EXPECT_EQ(platform::narrowPath(L"C:/a b/c.txt"), "C:/a b/c.txt");
   EXPECT_EQ(platform::narrowPath(L""), "");
-  const std::string replaced = platform::narrowPath(L"C:/\u56FE");
-  EXPECT_EQ(replaced, GetACP() == CP_UTF8 ? "C:/\xE5\x9B\xBE" : "C:/?");
+  if (GetACP() == CP_UTF8) {
+    EXPECT_EQ(platform::narrowPath(L"C:/\u56FE"), "C:/\xE5\x9B\xBE");
+  } else {
+    EXPECT_THROW(platform::narrowPath(L"C:/\u56FE"), std::range_error);
+    EXPECT_THROW(platform::narrowPath(L"C:/\u0101"), std::range_error);  // not as "a", which is another folder
+  }
 }
 
 TEST(WindowsVolumesTest, AreTheLettersBeforeTheColon) {
