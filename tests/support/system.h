@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <string>
 
 namespace support {
 
@@ -31,6 +32,9 @@ bool isMapped(const void* address);
 
 // Makes a file that holds `bytes` zero bytes and takes hardly any room.
 void makeSparseFile(const std::filesystem::path& path, std::uint64_t bytes);
+
+// The bytes of a text file whose lines are those of `text`.
+std::string asStoredText(const std::string& text);
 
 // A folder on another disk than the one for temporary files.
 std::filesystem::path folderOnAnotherDisk();

@@ -68,6 +68,8 @@ void makeSparseFile(const std::filesystem::path& path, std::uint64_t bytes) {
   std::filesystem::resize_file(path, bytes);
 }
 
+std::string asStoredText(const std::string& text) { return text; }
+
 std::filesystem::path folderOnAnotherDisk() { return "/dev/shm"; }
 
 }  // namespace support

@@ -71,6 +71,14 @@ void makeSparseFile(const std::filesystem::path& path, std::uint64_t bytes) {
   }
 }
 
+std::string asStoredText(const std::string& text) {
+  std::string stored;
+  for (const char character : text) {
+    stored += character == '\n' ? "\r\n" : std::string(1, character);
+  }
+  return stored;
+}
+
 // Wine shows the whole of the system it runs on there.
 std::filesystem::path folderOnAnotherDisk() { return "Z:/tmp"; }
 
