@@ -1,6 +1,7 @@
 // The cache folders where Linux differs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,8 +9,10 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "cache/file_mapping_dir_helper.h"
 #include "cache/file_mapping_file_path_helper.h"
@@ -88,6 +91,13 @@ TEST_F(LinuxCacheTest, LeavesSystemFoldersAlone) {
     const Host host(executable, scratch_.wide());
     EXPECT_EQ(host.hostCacheRoot(), scratch_.wide() + L"Korvane/KvTileImage/KvTileImageFileMappingCaches/");
   }
+}
+
+TEST_F(LinuxCacheTest, KeepsBeyondTheBasicPlaneWhatIsBeyondIt) {
+  configureRoots({utf8Of(L"\U0001F600")});
+  const FileMappingDirHelper helper(host());
+  EXPECT_THAT(helper.rootDirList(), ElementsAre(cacheFolder(L"\U0001F600")));
+  EXPECT_TRUE(std::filesystem::is_directory(scratch_.path() / "\xF0\x9F\x98\x80"));
 }
 
 TEST_F(LinuxCacheTest, LeavesLinksAlone) {

@@ -184,6 +184,15 @@ TEST_F(JsonHelperTest, MakesTheChainOfFolders) {
   EXPECT_THAT(log_.take(), IsEmpty());
 }
 
+TEST_F(JsonHelperTest, TakesNamesInAnyLanguage) {
+  const std::wstring name = L"\u00E4/\u56FE/\U0001F600.json";
+  ASSERT_TRUE(write(pathOf(name.c_str()), "[]", false));
+  EXPECT_EQ(contentsOf(scratch_.path() / u8"\u00E4/\u56FE/\U0001F600.json"), "[]");
+  EXPECT_EQ(read(pathOf(name.c_str())), "[]");
+  EXPECT_EQ(read(pathOf(L"\u00E4/\u56FE.json")), "");
+  EXPECT_THAT(log_.take(), ElementsAre(readFailed("\xC3\xA4/\xE5\x9B\xBE.json", "open")));
+}
+
 TEST_F(JsonHelperTest, WritesNothingIfAValueIsNoJson) {
   writeFile(scratch_.path() / "a.json", "before");
   for (const double value : {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity()}) {
@@ -385,6 +394,8 @@ TEST(FileMappingFilePathHelperTest, ReadsTheProcessIdFromAName) {
   } table[] = {
       {L"process_4120_0.korvaneFileMapping", 4120},
       {L"C:/caches/a_7_b/process_4120_17.korvaneFileMapping", 4120},
+      {L"/var/\u56FE_1_2/process_4120_17.korvaneFileMapping", 4120},
+      {L"\u56FE_12_\U0001F600.korvaneFileMapping", 12},
       {L"process_abc_3.korvaneFileMapping", 0},
       {L"process__3.korvaneFileMapping", 0},
       {L"process_12abc_3.korvaneFileMapping", 12},
@@ -480,13 +491,43 @@ TEST_F(ConfigurationTest, TakesRootsThatEndWithASeparator) {
               ElementsAre(scratch_.wide() + L"roots/a/" + host().tag() + L"/"));
 }
 
+TEST_F(ConfigurationTest, TakesRootsInAnyLanguage) {
+  configureRoots({utf8Of(L"r\u00E4ume/\u56FE/\U0001F600")});
+  const FileMappingDirHelper helper(host());
+  EXPECT_THAT(helper.rootDirList(),
+              ElementsAre(scratch_.wide() + L"r\u00E4ume/\u56FE/\U0001F600/" + host().tag() + L"/"));
+  EXPECT_TRUE(std::filesystem::is_directory(scratch_.path() / u8"r\u00E4ume/\u56FE/\U0001F600" /
+                                            platform::toUtf8(host().tag())));
+}
+
+TEST_F(ConfigurationTest, OfAUserWithAnyNameIsFound) {
+  const Host host(scratch_.wide() + L"bin/viewer.exe", scratch_.wide() + L"\u00E4nn \u56FE/");
+  LogCapture log;
+  const FileMappingDirHelper helper(host);
+  EXPECT_THAT(helper.rootDirList(),
+              ElementsAre(scratch_.wide() + L"\u00E4nn \u56FE/Korvane/KvTileImage/caches/" + host.tag() + L"/"));
+  EXPECT_EQ(contentsOf(scratch_.path() / u8"\u00E4nn \u56FE/Korvane/KvTileImage/KvTileImage_FileMapingConfig.json"),
+            support::asStoredText(kDefaultConfiguration));
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(ConfigurationTest, OfAProgramWithAnyNameIsFound) {
+  std::filesystem::create_directory(scratch_.path() / u8"\u00E4pps");
+  const Host host(scratch_.wide() + L"\u00E4pps/\u56FE.exe", scratch_.wide() + L"data/");
+  LogCapture log;
+  const FileMappingDirHelper helper(host);
+  EXPECT_THAT(helper.rootDirList(), SizeIs(1));
+  EXPECT_TRUE(std::filesystem::exists(scratch_.path() / u8"\u00E4pps/KvTileImageFileMappingCaches"));
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
 TEST_F(ConfigurationTest, SettlesARelativeRootWhereTheProgramIsNow) {
   const std::filesystem::path before = std::filesystem::current_path();
   std::filesystem::current_path(scratch_.path());
   configureRoots({"rel/ative"});
   const FileMappingDirHelper helper(host());
   std::filesystem::current_path(before);
-  EXPECT_THAT(helper.rootDirList(), ElementsAre(std::filesystem::canonical(scratch_.path()).generic_wstring() +
+  EXPECT_THAT(helper.rootDirList(), ElementsAre(platform::widePath(std::filesystem::canonical(scratch_.path())) +
                                                 L"/rel/ative/" + host().tag() + L"/"));
   EXPECT_TRUE(std::filesystem::is_directory(scratch_.path() / "rel/ative" / platform::toUtf8(host().tag())));
 }
@@ -944,6 +985,19 @@ TEST_F(LeftoversTest, InAllFoldersAreRemoved) {
   ASSERT_THAT(lines, SizeIs(8));
   EXPECT_EQ(lines[5], trace("file:" + other.generic_string() + "/" + name + " is removed!"));
   EXPECT_EQ(lines[7], trace("file:" + folder().generic_string() + "/" + name + " is removed!"));
+}
+
+TEST_F(LeftoversTest, InFoldersOfAnyNameAreRemoved) {
+  configureRoots({utf8Of(L"r\u00E4ume/\u56FE")});
+  const std::filesystem::path named = scratch_.path() / u8"r\u00E4ume/\u56FE" / platform::toUtf8(host().tag());
+  std::filesystem::create_directories(named);
+  writeFile(named / "stray.korvaneFileMapping", "bytes");
+  writeFile(named / u8"stray \u56FE.korvaneFileMapping", "bytes");
+  writeFile(named / u8"\u56FE_0_\U0001F600.korvaneFileMapping", "bytes");
+  LogCapture log(ember_logger::warning);
+  const FileMappingDirHelper helper(host());
+  EXPECT_TRUE(std::filesystem::is_empty(named));
+  EXPECT_THAT(log.take(), IsEmpty());
 }
 
 // ---- What the clean-up tells

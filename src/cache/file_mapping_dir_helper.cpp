@@ -10,6 +10,7 @@
 #include "base/log.h"
 #include "cache/file_mapping_file_path_helper.h"
 #include "cache/json_helper.h"
+#include "platform/paths.h"
 #include "platform/processes.h"
 #include "platform/program_name.h"
 #include "platform/utf8.h"
@@ -39,17 +40,18 @@ std::wstring withSlash(const std::wstring& folder) {
 
 // A root that is relative means the folder that it names now, wherever the program goes later.
 std::wstring settled(const std::wstring& root) {
-  const std::filesystem::path path(root);
+  const std::filesystem::path path = platform::filesystemPath(root);
   const bool relative = !path.has_root_name() && !path.has_root_directory();
-  return relative ? std::filesystem::absolute(path).generic_wstring() : root;
+  return relative ? platform::widePath(std::filesystem::absolute(path)) : root;
 }
 
 bool isBackingFile(const std::filesystem::directory_entry& entry) {
   try {
     std::error_code unknown;
-    return platform::sameIgnoringCase(entry.path().extension().wstring(), FileMappingFilePathHelper::kExtension) &&
+    return platform::sameIgnoringCase(platform::widePath(entry.path().extension()),
+                                      FileMappingFilePathHelper::kExtension) &&
            std::filesystem::is_regular_file(entry.symlink_status(unknown));
-  } catch (const std::filesystem::filesystem_error&) {  // a name that is no text is none of ours
+  } catch (const std::range_error&) {  // a name that is no text is none of ours
     return false;
   }
 }
@@ -106,7 +108,7 @@ bool FileMappingDirHelper::getFromConfigW(std::vector<std::wstring>& list, bool&
   bAlternateUseDisk = true;
   const std::wstring path = host_.configurationFile();
   std::error_code unknown;
-  if (!std::filesystem::exists(path, unknown)) {
+  if (!std::filesystem::exists(platform::filesystemPath(path), unknown)) {
     if (!JsonHelper::write(path, defaultConfiguration(), true)) {
       base::logger().log(ember_logger::error, "[%s] json write failed", kGetFromConfig);
       return false;
@@ -158,7 +160,8 @@ bool FileMappingDirHelper::initRootDirList() {
       rootDirList_.push_back(folder);
     } else if (configured) {
       // What the user asked for has to work; a default folder may lie where this user must not write.
-      throw std::filesystem::filesystem_error("create_directories(p): invalid argument", folder, error);
+      throw std::filesystem::filesystem_error("create_directories(p): invalid argument",
+                                              platform::filesystemPath(folder), error);
     } else {
       leftOut.push_back(shownUtf8(folder) + " cannot be made and is left out: " + error.message());
     }
@@ -217,10 +220,10 @@ std::vector<std::wstring> FileMappingDirHelper::backingFiles() const {
   std::vector<std::wstring> files;
   for (const std::wstring& folder : rootDirList_) {
     std::error_code error;
-    for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
-         entry.increment(error)) {
+    for (std::filesystem::directory_iterator entry(platform::filesystemPath(folder), error), end;
+         !error && entry != end; entry.increment(error)) {
       if (isBackingFile(*entry)) {
-        files.push_back(entry->path().generic_wstring());
+        files.push_back(platform::widePath(entry->path()));
       }
     }
   }

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cwchar>
-#include <filesystem>
 #include <limits>
 
+#include "platform/paths.h"
 #include "platform/processes.h"
 
 namespace cache {
@@ -34,7 +34,7 @@ std::wstring FileMappingFilePathHelper::prefix() {
 }
 
 std::optional<std::int32_t> FileMappingFilePathHelper::processIdOf(const std::wstring& path) {
-  const std::wstring stem = std::filesystem::path(path).stem().wstring();
+  const std::wstring stem = platform::widePath(platform::filesystemPath(path).stem());
   const std::size_t first = stem.find(L'_');
   const std::size_t second = first == std::wstring::npos ? first : stem.find(L'_', first + 1);
   if (second == std::wstring::npos) {

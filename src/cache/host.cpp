@@ -21,8 +21,9 @@ Host::Host(std::wstring executable, const std::wstring& userData)
   const std::wstring folder = executable_.substr(0, executable_.rfind(L'/') + 1);
   std::error_code unknown;
   // Another user of the same program may have made the folder there for himself.
-  const bool ours = platform::mayHoldHostFiles(folder) && (!std::filesystem::exists(folder + kHostCacheRoot, unknown) ||
-                                                           platform::mayHoldHostFiles(folder + kHostCacheRoot));
+  const bool ours = platform::mayHoldHostFiles(folder) &&
+                    (!std::filesystem::exists(platform::filesystemPath(folder + kHostCacheRoot), unknown) ||
+                     platform::mayHoldHostFiles(folder + kHostCacheRoot));
   hostFolder_ = ours ? folder : dataFolder_;
 }
 

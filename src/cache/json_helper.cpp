@@ -6,10 +6,10 @@
 
 #include <array>
 #include <exception>
-#include <filesystem>
 
 #include "base/log.h"
 #include "platform/files.h"
+#include "platform/paths.h"
 #include "platform/utf8.h"
 
 namespace cache {
@@ -76,7 +76,7 @@ bool writeDocument(const std::wstring& path, const rapidjson::Value& value, bool
     base::logger().log(ember_logger::error, "[%s] json serialization failed!", kWrite);
     return false;
   }
-  const std::wstring folder = std::filesystem::path(path).parent_path().wstring();
+  const std::wstring folder = platform::widePath(platform::filesystemPath(path).parent_path());
   if (!folder.empty() && platform::createFolders(folder)) {
     logFailure("[%s] dir create failed [jsonFilePath:%s]!", kWrite, path);
     return false;

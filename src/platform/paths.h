@@ -1,6 +1,7 @@
 // Where programs and their data are. Paths are wide, with "/" between the components; a folder's path ends with "/".
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 namespace platform {
@@ -17,5 +18,12 @@ bool mayHoldHostFiles(const std::wstring& folder);
 // The form in which the file calls that know no wide strings take `path`. Throws std::range_error, with the path, if
 // that form cannot hold all of its characters.
 std::string narrowPath(const std::wstring& path);
+
+// `path` as std::filesystem takes it. What the standard library makes of a wide string by itself fails for all but
+// ASCII on some systems, and so does the way back.
+std::filesystem::path filesystemPath(const std::wstring& path);
+
+// The way back. Throws std::range_error if the path is no text.
+std::wstring widePath(const std::filesystem::path& path);
 
 }  // namespace platform

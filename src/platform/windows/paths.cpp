@@ -56,4 +56,8 @@ std::string narrowPath(const std::wstring& path) {
   return narrow;
 }
 
+std::filesystem::path filesystemPath(const std::wstring& path) { return path; }
+
+std::wstring widePath(const std::filesystem::path& path) { return path.generic_wstring(); }
+
 }  // namespace platform
