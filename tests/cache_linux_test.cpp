@@ -117,6 +117,20 @@ TEST_F(LinuxCacheTest, LeavesPipesAlone) {
   EXPECT_THAT(support::namesIn(folderOf(host())), ElementsAre("stray.korvaneFileMapping"));
 }
 
+TEST_F(LinuxCacheTest, CleansUpBesideNamesThatAreNotUtf8) {
+  const std::filesystem::path folder = folderOf(host());
+  writeFile(folder / "process_0_1\xFF.korvaneFileMapping", "bytes");
+  writeFile(folder / "process_0_1.korvaneFileMapping\xFF", "bytes");
+  writeFile(folder / "\xC3\x28", "bytes");
+  writeFile(folder / "stray.korvaneFileMapping", "bytes");
+  LogCapture log(ember_logger::warning);
+  const FileMappingDirHelper helper(host());
+  EXPECT_THAT(support::namesIn(folder),
+              testing::UnorderedElementsAre("process_0_1\xFF.korvaneFileMapping", "process_0_1.korvaneFileMapping\xFF",
+                                            "\xC3\x28"));
+  EXPECT_THAT(log.take(), IsEmpty());
+}
+
 TEST_F(LinuxCacheTest, TakesAProcessThatNoOneHasWaitedForAsDead) {
   const pid_t child = fork();
   if (child == 0) {

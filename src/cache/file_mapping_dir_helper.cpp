@@ -45,14 +45,16 @@ std::wstring settled(const std::wstring& root) {
   return relative ? platform::widePath(std::filesystem::absolute(path)) : root;
 }
 
-bool isBackingFile(const std::filesystem::directory_entry& entry) {
+// The entry's path if it is a backing file.
+std::optional<std::wstring> backingFile(const std::filesystem::directory_entry& entry) {
   try {
     std::error_code unknown;
-    return platform::sameIgnoringCase(platform::widePath(entry.path().extension()),
-                                      FileMappingFilePathHelper::kExtension) &&
-           std::filesystem::is_regular_file(entry.symlink_status(unknown));
+    const bool found = platform::sameIgnoringCase(platform::widePath(entry.path().extension()),
+                                                  FileMappingFilePathHelper::kExtension) &&
+                       std::filesystem::is_regular_file(entry.symlink_status(unknown));
+    return found ? std::optional(platform::widePath(entry.path())) : std::nullopt;
   } catch (const std::range_error&) {  // a name that is no text is none of ours
-    return false;
+    return std::nullopt;
   }
 }
 
@@ -222,8 +224,8 @@ std::vector<std::wstring> FileMappingDirHelper::backingFiles() const {
     std::error_code error;
     for (std::filesystem::directory_iterator entry(platform::filesystemPath(folder), error), end;
          !error && entry != end; entry.increment(error)) {
-      if (isBackingFile(*entry)) {
-        files.push_back(platform::widePath(entry->path()));
+      if (const auto file = backingFile(*entry)) {
+        files.push_back(*file);
       }
     }
   }
