@@ -10,6 +10,7 @@
 
 #include "kvtileimage/KvTileImage.h"
 #include "support/image.h"
+#include "support/log_capture.h"
 
 namespace {
 
@@ -71,6 +72,26 @@ TEST(ThreadsTest, WriteDisjointColumnsOfOneImage) {
 }
 
 // ---- Images in files
+
+TEST(BatchTest, KeepsWhatWasWrittenWhateverTheStorage) {
+  support::LogCapture log(ember_logger::debug);
+  KvTileImage_BeginCurrentThreadIO(nullptr);
+  KvTileImage_EndCurrentThreadIO(nullptr);
+  for (const bool inFiles : {false, true}) {
+    const Image image =
+        inFiles ? support::allocateInFiles(20, 30, 1, 8, KVTI_SCANLINE_OPERATION_COL) : support::allocate(20, 30, 1, 8);
+    KvTileImage_EndCurrentThreadIO(image.get());  // of a batch that never began
+    KvTileImage_BeginCurrentThreadIO(image.get());
+    const std::uint8_t written = 91;
+    EXPECT_TRUE(KvTileImage_SetPixelData(image.get(), 19, 29, &written, 1));
+    KvTileImage_EndCurrentThreadIO(image.get());
+    KvTileImage_EndCurrentThreadIO(image.get());
+    std::uint8_t pixel = 0;
+    EXPECT_TRUE(KvTileImage_GetPixelData(image.get(), 19, 29, &pixel, 1));
+    EXPECT_EQ(pixel, 91);
+  }
+  EXPECT_TRUE(log.take().empty());
+}
 
 // Tiles of 256 x 4096: seams at columns 256 and 512 and at row 4096.
 constexpr std::uint32_t kWidth = 600;
