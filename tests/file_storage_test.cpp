@@ -601,6 +601,17 @@ TEST_F(FileGridTest, FlushesATileThatAnyUserWroteWhenTheLastOneLeaves) {
   EXPECT_EQ(support::takeFlushCalls(), flushesOf({{1, 0}}));
 }
 
+TEST_F(FileGridTest, RemembersAWriterWhateverComesLater) {
+  make(2, 1);
+  OtherThread reader;
+  strategy_->updateCache({0, 1, 1, 2}, true);
+  reader.run([&] { strategy_->updateCache({0, 1, 1, 2}, false); });
+  strategy_->endCurrentThreadIO();
+  EXPECT_THAT(support::takeFlushCalls(), IsEmpty());
+  reader.run([&] { strategy_->endCurrentThreadIO(); });
+  EXPECT_EQ(support::takeFlushCalls(), flushesOf({{1, 0}}));
+}
+
 TEST_F(FileGridTest, ForgetsAfterTheFlushThatATileWasWritten) {
   make(2, 1);
   strategy_->updateCache({0, 1, 1, 2}, true);
@@ -1004,7 +1015,7 @@ TEST_F(FileGridTest, LeavesTheFilesToTheParentInAForkedProcess) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_EQ(backingFiles().size(), 2U);
+  ASSERT_EQ(backingFiles().size(), 2U);
   EXPECT_THAT(users(), ElementsAre("11"));
   strategy_->endCurrentThreadIO();
   strategy_->updateCache({1, 2, 0, 1}, false);
@@ -1069,6 +1080,16 @@ TEST(ThreadLocalDataTest, DoesNotTrustTheRecordOfADeadOwnerOfTheSameKey) {
   }
 }
 
+TEST(ThreadLocalDataTest, DoesNotTrustARecordWhoseFlagIsDown) {
+  ThreadLocalData data;
+  const AliveFlag alive = flag();
+  TileArea before;
+  data.updateArea(16, alive, kSomeArea, before);
+  *alive = false;
+  data.updateArea(16, alive, kOtherArea, before);
+  EXPECT_EQ(before, TileArea());
+}
+
 TEST(ThreadLocalDataTest, RemovesARecord) {
   ThreadLocalData data;
   const AliveFlag first = flag();
@@ -1120,7 +1141,20 @@ TEST(ThreadLocalDataTest, KeepsLiveRecordsWhenItPurges) {
   }
 }
 
-// After a purge that leaves 70 records the next one comes when there are 128.
+// A purge that leaves 64 records puts the next one off until there are 128, whatever dies meanwhile.
+TEST(ThreadLocalDataTest, KeepsDeadRecordsBetweenPurges) {
+  ThreadLocalData data;
+  const AliveFlag alive = flag();
+  addRecords(data, 0x1000, 65, alive);
+  const AliveFlag dead = flag();
+  addRecords(data, 0x2000, 10, dead);
+  *dead = false;
+  addRecords(data, 0x3000, 53, alive);
+  EXPECT_EQ(data.recordCount(), 128U);
+  addRecords(data, 0x4000, 1, alive);
+  EXPECT_EQ(data.recordCount(), 119U);
+}
+
 TEST(ThreadLocalDataTest, PurgesAgainAtTheNextMultipleOfSixtyFour) {
   ThreadLocalData data;
   const AliveFlag alive = flag();
