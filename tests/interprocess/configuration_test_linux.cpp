@@ -87,6 +87,32 @@ TEST_F(ConfigurationTest, PutsTheFilesBelowTheRootThatItNames) {
   EXPECT_EQ(worker.end(), 0);
 }
 
+TEST_F(ConfigurationTest, NamesRootsInUtf8) {
+  const fs::path root = home_.folder() / "M\u00fcller \u6f22\u5b57 \U0001f5c2" / "";
+  configureRoots({root});
+  Worker worker(program_);
+  ASSERT_EQ(worker.ask(std::string("make memory") + kInMemory), "made");
+  expectFilesIn(worker, onlyCacheFolder(root));
+  EXPECT_EQ(worker.log(3), "");
+  EXPECT_EQ(worker.ask(std::string("make a") + kFourTiles), "made");
+  worker.kill();
+  Worker next(program_);
+  EXPECT_EQ(next.ask(std::string("make b") + kInMemory), "made");
+  EXPECT_EQ(next.logged("is removed!"), 4);
+  EXPECT_THAT(backingFilesBelow(home_.folder()), IsEmpty());
+}
+
+TEST_F(ConfigurationTest, MayNameARootThatIsRelative) {
+  configureRoots({"relative"});
+  fs::create_directory(home_.folder() / "\u00fcber");
+  const fs::path before = fs::current_path();
+  fs::current_path(home_.folder() / "\u00fcber");
+  Worker worker(program_);
+  fs::current_path(before);
+  ASSERT_EQ(worker.ask(std::string("make memory") + kInMemory), "made") << worker.log();
+  expectFilesIn(worker, onlyCacheFolder(home_.folder() / "\u00fcber" / "relative"));
+}
+
 TEST_F(ConfigurationTest, HasTheRootThatItNamesCleanedUp) {
   configureRoots({home_.folder() / "elsewhere"});
   Worker dead(program_);
