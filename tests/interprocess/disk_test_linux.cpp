@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "small_disk_linux.h"
 #include "worker.h"
@@ -13,6 +15,7 @@
 namespace {
 
 using namespace interprocess;
+using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Values;
 
@@ -193,6 +196,148 @@ TEST_F(DiskTest, HoldsImagesIfItDoesNotTellItsSize) {
   EXPECT_EQ(worker.end(), 0);
 }
 
+TEST_F(DiskTest, FailsTheCreationIfItBecomesReadOnly) {
+  useDisk(SmallDisk::Kind::Memory, 32 * kMiB);
+  if (IsSkipped()) {
+    return;
+  }
+  Worker worker(program_);
+  const std::filesystem::path folder = cacheFolder(worker);
+  ASSERT_TRUE(disk_->makeReadOnly());
+  EXPECT_EQ(worker.ask(std::string("make a") + kFourTiles), "null");
+  EXPECT_TRUE(worker.loggedError({folder.string(), "cannot be made: Read-only file system"})) << worker.log(3);
+  EXPECT_EQ(worker.end(), 0);
+}
+
+// The user's folder is on a full disk: there is no room for the configuration file either.
+TEST_F(DiskTest, MayBeFullWhenTheFirstProgramComes) {
+  disk_ = std::make_unique<SmallDisk>(SmallDisk::Kind::Memory, 8 * kMiB);
+  if (!disk_->missing().empty()) {
+    GTEST_SKIP() << "no disk can be mounted here: " << disk_->missing();
+  }
+  std::filesystem::create_directory_symlink(disk_->folder(), home_.userData());
+  disk_->fill();
+  {
+    Worker worker(program_);
+    EXPECT_EQ(worker.ask(std::string("make a") + kInMemory), "made");
+    EXPECT_TRUE(worker.loggedError({"[FileMappingDirHelper::getFromConfigW] json write failed"})) << worker.log(3);
+    EXPECT_EQ(worker.end(), 0);
+    EXPECT_THAT(namesIn(home_.dataFolder()), ElementsAre("caches")) << "half a file would be worse than none";
+  }
+  disk_->freeRoom();
+  Worker worker(program_);
+  EXPECT_EQ(worker.ask(std::string("make a") + kInMemory), "made");
+  EXPECT_EQ(worker.log(3), "");
+  EXPECT_TRUE(std::filesystem::exists(home_.configurationFile()));
+  EXPECT_EQ(worker.end(), 0);
+}
+
+// ---- Several disks
+
+class TwoDisksTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const SmallDisk* disk : {&first_, &second_, &memory_}) {
+      if (!disk->missing().empty()) {
+        GTEST_SKIP() << "no disk can be mounted here: " << disk->missing();
+      }
+    }
+    std::filesystem::create_directories(home_.dataFolder());
+  }
+
+  void configure(const std::vector<const SmallDisk*>& disks, bool alternate) const {
+    std::string roots;
+    for (const SmallDisk* disk : disks) {
+      roots += (roots.empty() ? "\"" : ",\"") + disk->folder().string() + "/root\"";
+    }
+    std::ofstream(home_.configurationFile()) << R"({"desc":{"rootDirList":[)" << roots << R"(],"bAlternateUseDisk":)"
+                                             << (alternate ? "true" : "false") << "}}";
+  }
+
+  static Names on(const SmallDisk& disk) {
+    Names names;
+    for (const auto& file : backingFilesBelow(disk.folder())) {
+      names.push_back(file.filename().string());
+    }
+    return together(std::move(names), {});
+  }
+
+  static Names inTurn(std::uint32_t processId, unsigned first) {
+    return together(backingFileNames(processId, first, 1), backingFileNames(processId, first + 2, 1));
+  }
+
+  static void expectUsable(Worker& worker) {
+    EXPECT_EQ(worker.ask("write a 1"), "written");
+    EXPECT_EQ(worker.ask("read a 1"), "same");
+    EXPECT_EQ(worker.ask("unload a"), "unloaded");
+    EXPECT_EQ(worker.end(), 0);
+  }
+
+  const Home home_;
+  const Program program_{home_};
+  // The library leaves 1 GiB of each free.
+  const SmallDisk first_{SmallDisk::Kind::Ext4, 1536 * kMiB};
+  const SmallDisk second_{SmallDisk::Kind::Ext4, 1536 * kMiB};
+  const SmallDisk memory_{SmallDisk::Kind::Memory, 1536 * kMiB};
+};
+
+TEST_F(TwoDisksTest, TakeTheFilesInTurn) {
+  configure({&first_, &second_}, true);
+  Worker worker(program_);
+  ASSERT_EQ(worker.ask(std::string("make a") + kFourTiles), "made") << worker.log();
+  EXPECT_EQ(on(first_), inTurn(worker.id(), 0));
+  EXPECT_EQ(on(second_), inTurn(worker.id(), 1));
+  expectUsable(worker);
+  EXPECT_THAT(on(first_), IsEmpty());
+  EXPECT_THAT(on(second_), IsEmpty());
+}
+
+TEST_F(TwoDisksTest, AreBothCleanedUp) {
+  configure({&first_, &second_}, true);
+  Worker dead(program_);
+  ASSERT_EQ(dead.ask(std::string("make a") + kFourTiles), "made");
+  dead.kill();
+  Worker next(program_);
+  ASSERT_EQ(next.ask(std::string("make a") + kInMemory), "made");
+  EXPECT_EQ(next.logged("is removed!"), 4);
+  EXPECT_THAT(on(first_), IsEmpty());
+  EXPECT_THAT(on(second_), IsEmpty());
+}
+
+TEST_F(TwoDisksTest, TakeTheFilesOneAfterTheOther) {
+  configure({&first_, &second_}, false);
+  Worker worker(program_);
+  ASSERT_EQ(worker.ask(std::string("make a") + kFourTiles), "made") << worker.log();
+  EXPECT_EQ(on(first_), backingFileNames(worker.id(), 0, 4));
+  EXPECT_THAT(on(second_), IsEmpty());
+  expectUsable(worker);
+}
+
+TEST_F(TwoDisksTest, TakeFilesWhileTheyHaveRoomToSpare) {
+  configure({&first_, &second_}, true);
+  Worker worker(program_);
+  ASSERT_EQ(worker.ask(std::string("make m") + kInMemory), "made");  // and the folders
+  first_.fill();
+  ASSERT_EQ(worker.ask(std::string("make a") + kFourTiles), "made") << worker.log();
+  EXPECT_THAT(on(first_), IsEmpty());
+  EXPECT_EQ(on(second_), backingFileNames(worker.id(), 0, 4));
+  second_.fill();
+  EXPECT_EQ(worker.ask(std::string("make b") + kFourTiles), "null");
+  EXPECT_TRUE(worker.loggedError({"[FileMappingDirHelper::getSuitableRootDirIndex] not find suitable dir"}));
+  EXPECT_TRUE(worker.loggedError({"obtain a suitable dir failed"}));
+  EXPECT_EQ(on(second_), backingFileNames(worker.id(), 0, 4));
+  expectUsable(worker);
+}
+
+TEST_F(TwoDisksTest, AreNotMemory) {
+  configure({&memory_, &second_}, true);
+  Worker worker(program_);
+  ASSERT_EQ(worker.ask(std::string("make a") + kFourTiles), "made") << worker.log();
+  EXPECT_THAT(on(memory_), IsEmpty());
+  EXPECT_EQ(on(second_), backingFileNames(worker.id(), 0, 4));
+  expectUsable(worker);
+}
+
 // ---- Limits of the process
 
 class LimitsTest : public testing::Test {
@@ -203,7 +348,7 @@ class LimitsTest : public testing::Test {
 
 TEST_F(LimitsTest, OfTheSizeOfFilesFailTheCreationAndNothingElse) {
   Worker worker(program_);
-  ASSERT_EQ(worker.ask(std::string("make a") + kFourTiles), "made");
+  ASSERT_EQ(worker.ask(std::string("make a") + kFourTiles), "made") << worker.log();
   ASSERT_EQ(worker.ask("limit file-size 1048575"), "limited");
   EXPECT_EQ(worker.ask(std::string("make b") + kFourTiles), "null");
   EXPECT_TRUE(worker.loggedError({"of 1048576 bytes cannot be made: File too large"})) << worker.log(3);
@@ -253,6 +398,57 @@ TEST_F(LimitsTest, OfOpenFilesDoNotLimitTheTiles) {
   EXPECT_EQ(worker.log(3), "");
   EXPECT_THAT(program_.backingFiles(), IsEmpty());
   EXPECT_EQ(worker.end(), 0);
+}
+
+// The lock file is the fourth: nothing more can be opened.
+TEST_F(LimitsTest, OfOpenFilesFailWhatNeedsOneUntilThereIsOne) {
+  Worker worker(program_);
+  ASSERT_EQ(worker.ask(std::string("make a") + kFourTiles), "made") << worker.log();
+  ASSERT_EQ(worker.ask("write a 1"), "written");
+  const Names files = program_.backingFiles();
+  ASSERT_EQ(worker.ask("limit files 4"), "limited");
+  EXPECT_EQ(worker.ask(std::string("make b") + kFourTiles), "null");
+  EXPECT_TRUE(worker.loggedError({"cannot be made: Too many open files"})) << worker.log(3);
+  EXPECT_EQ(worker.ask("read a 1"), "failed");
+  EXPECT_EQ(program_.backingFiles(), files);
+  ASSERT_EQ(worker.ask("limit files 64"), "limited");
+  EXPECT_EQ(worker.ask("read a 1"), "same");
+  EXPECT_EQ(worker.ask("unload a"), "unloaded");
+  EXPECT_THAT(program_.backingFiles(), IsEmpty());
+  EXPECT_EQ(worker.end(), 0);
+}
+
+// ---- Files that someone removes
+
+TEST(RemovedFilesTest, FailTheAccessAndNothingElse) {
+  const Home home;
+  const Program program(home);
+  Worker worker(program);
+  ASSERT_EQ(worker.ask(std::string("make a") + kFourTiles), "made") << worker.log();
+  ASSERT_EQ(worker.ask("write a 1"), "written");
+  std::filesystem::remove_all(home.dataFolder());
+  EXPECT_EQ(worker.ask("read a 1"), "failed");
+  EXPECT_EQ(worker.ask(std::string("make b") + kFourTiles), "null");
+  EXPECT_EQ(worker.ask(std::string("make c") + kInMemory), "made");
+  EXPECT_EQ(worker.ask("unload a"), "unloaded");
+  EXPECT_EQ(worker.end(), 0);
+}
+
+TEST(RemovedFilesTest, MayBeReplacedByOthers) {
+  const Home home;
+  const Program program(home);
+  Worker worker(program);
+  ASSERT_EQ(worker.ask(std::string("make a") + kFourTiles), "made") << worker.log();
+  ASSERT_EQ(worker.ask("write a 1"), "written");
+  const std::filesystem::path second = program.cacheFolders().at(0) / backingFileNames(worker.id(), 1, 1).front();
+  std::filesystem::resize_file(second, 100);
+  EXPECT_EQ(worker.ask("read a 1"), "failed") << "it is too short by now";
+  std::filesystem::remove(second);
+  std::filesystem::create_directory(second);
+  EXPECT_EQ(worker.ask("read a 1"), "failed");
+  EXPECT_EQ(worker.ask("unload a"), "unloaded");
+  EXPECT_EQ(worker.end(), 0);
+  EXPECT_EQ(program.backingFiles(), backingFileNames(worker.id(), 1, 1)) << "the folder is not ours";
 }
 
 }  // namespace

@@ -148,4 +148,8 @@ void SmallDisk::fill() const {
 
 void SmallDisk::freeRoom() const { std::filesystem::remove(folder_ / "filler"); }
 
+bool SmallDisk::makeReadOnly() const {
+  return mount("none", folder_.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+}
+
 }  // namespace interprocess

@@ -32,6 +32,9 @@ class SmallDisk {
   void fill() const;
   void freeRoom() const;
 
+  // No one can write to it from here on. False if that cannot be done.
+  bool makeReadOnly() const;
+
  private:
   void mountAs(Kind kind, std::uint64_t bytes, unsigned files);
   void mountMemory(const char* type, std::uint64_t bytes, unsigned files);

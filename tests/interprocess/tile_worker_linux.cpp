@@ -24,8 +24,11 @@ std::string limit(std::istream& words) {
   std::string what;
   rlim_t most = 0;
   words >> what >> most;
-  const struct rlimit limit { most, most };
-  return setrlimit(what == "files" ? RLIMIT_NOFILE : RLIMIT_FSIZE, &limit) == 0 ? "limited" : "failed";
+  const auto resource = what == "files" ? RLIMIT_NOFILE : RLIMIT_FSIZE;
+  struct rlimit now {};
+  getrlimit(resource, &now);
+  now.rlim_cur = most;  // which can be raised again
+  return setrlimit(resource, &now) == 0 ? "limited" : "failed";
 }
 
 std::string become(std::istream& words) {
