@@ -276,15 +276,17 @@ TEST(FileStorageTest, TracesItsFlusher) {
 
 // A process that had this one's id may have left it, or still have it in use in another container.
 TEST(FileStorageTest, MakesNoFileOverOneThatIsThere) {
-  const std::wstring folder = cache::FileMappingDirHelper::instance()->rootDirList().front();
-  const auto last = cache::FileMappingFilePathHelper::getUniqueFileInfo(folder);
+  const auto& folders = cache::FileMappingDirHelper::instance()->rootDirList();
+  const auto last = cache::FileMappingFilePathHelper::getUniqueFileInfo(folders.front());
   ASSERT_TRUE(last);
   std::vector<std::filesystem::path> others;
-  for (const std::uint64_t ahead : {1, 2}) {
-    std::wstring name = folder + cache::FileMappingFilePathHelper::prefix() + std::to_wstring(last->number + ahead);
-    name += cache::FileMappingFilePathHelper::kExtension;
-    others.emplace_back(name);
-    std::ofstream(others.back(), std::ios::binary) << "another's";
+  for (const std::wstring& folder : folders) {  // whichever has its turn
+    for (const std::uint64_t ahead : {1, 2}) {
+      std::wstring name = folder + cache::FileMappingFilePathHelper::prefix() + std::to_wstring(last->number + ahead);
+      name += cache::FileMappingFilePathHelper::kExtension;
+      others.emplace_back(name);
+      std::ofstream(others.back(), std::ios::binary) << "another's";
+    }
   }
   {
     const auto image = TileImage::createNormal(inFiles(10, 10, 1, 8, kRow));
