@@ -2,14 +2,16 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cwctype>
 #include <string_view>
 
 namespace platform {
 
-// A program's file name without its extension.
+// A program's file name without its extension. A dot at the beginning begins none.
 inline std::wstring_view programStem(std::wstring_view executable) {
-  return executable.substr(0, executable.rfind(L'.'));
+  const std::size_t dot = executable.rfind(L'.');
+  return dot == 0 ? executable : executable.substr(0, dot);
 }
 
 inline bool sameIgnoringCase(std::wstring_view a, std::wstring_view b) {
