@@ -400,24 +400,6 @@ TEST_F(LimitsTest, OfOpenFilesDoNotLimitTheTiles) {
   EXPECT_EQ(worker.end(), 0);
 }
 
-// The lock file is the fourth: nothing more can be opened.
-TEST_F(LimitsTest, OfOpenFilesFailWhatNeedsOneUntilThereIsOne) {
-  Worker worker(program_);
-  ASSERT_EQ(worker.ask(std::string("make a") + kFourTiles), "made") << worker.log();
-  ASSERT_EQ(worker.ask("write a 1"), "written");
-  const Names files = program_.backingFiles();
-  ASSERT_EQ(worker.ask("limit files 4"), "limited");
-  EXPECT_EQ(worker.ask(std::string("make b") + kFourTiles), "null");
-  EXPECT_TRUE(worker.loggedError({"cannot be made: Too many open files"})) << worker.log(3);
-  EXPECT_EQ(worker.ask("read a 1"), "failed");
-  EXPECT_EQ(program_.backingFiles(), files);
-  ASSERT_EQ(worker.ask("limit files 64"), "limited");
-  EXPECT_EQ(worker.ask("read a 1"), "same");
-  EXPECT_EQ(worker.ask("unload a"), "unloaded");
-  EXPECT_THAT(program_.backingFiles(), IsEmpty());
-  EXPECT_EQ(worker.end(), 0);
-}
-
 // ---- Files that someone removes
 
 TEST(RemovedFilesTest, FailTheAccessAndNothingElse) {
