@@ -20,7 +20,6 @@ namespace fs = std::filesystem;
 using namespace interprocess;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::StartsWith;
 using testing::Values;
 
 class ConfigurationTest : public testing::Test {
@@ -217,7 +216,9 @@ TEST_F(UnreadableTest, CutShort) {
 }
 
 TEST_F(UnreadableTest, BracketsWithoutEnd) {
-  configure(std::string(10'000'000, '['));
+  std::string brackets;
+  brackets.resize(10'000'000, '[');
+  configure(brackets);
   expectDefaults();
 }
 

@@ -47,6 +47,7 @@ void require(bool success, const char* step) {
 
 std::vector<char*> pointersTo(const std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (const std::string& text : texts) {
     pointers.push_back(const_cast<char*>(text.c_str()));
   }
@@ -62,8 +63,10 @@ std::vector<std::string> merged(ChildProcess::Environment added) {
     added.emplace(text.substr(0, equals), equals == std::string::npos ? "" : text.substr(equals + 1));
   }
   std::vector<std::string> variables;
+  variables.reserve(added.size());
   for (const auto& [name, value] : added) {
-    variables.push_back(name + '=' + value);
+    variables.push_back(name);
+    variables.back().append(1, '=').append(value);
   }
   return variables;
 }
