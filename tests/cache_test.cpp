@@ -25,6 +25,7 @@
 #include "platform/utf8.h"
 #include "platform/volumes.h"
 #include "support/cache_folders.h"
+#include "support/default_configuration.h"
 #include "support/log_capture.h"
 #include "support/scratch_folder.h"
 #include "support/system.h"
@@ -433,29 +434,12 @@ TEST(FileMappingFilePathHelperTest, FindsItsOwnProcessInItsNames) {
 
 // ---- The configuration
 
-constexpr const char* kDefaultConfiguration =
-    "{\n"
-    "    \"meta\": {\n"
-    "        \"mainVersion\": 1,\n"
-    "        \"subVersion\": 0,\n"
-    "        \"type\": \"FileMapingConfig\"\n"
-    "    },\n"
-    "    \"desc\": {\n"
-    "        \"rootDirList\": [\n"
-    "            \"\",\n"
-    "            \"\",\n"
-    "            \"\"\n"
-    "        ],\n"
-    "        \"bAlternateUseDisk\": true\n"
-    "    }\n"
-    "}";
-
 using ConfigurationTest = CacheFoldersTest;
 
 TEST_F(ConfigurationTest, IsWrittenIfThereIsNone) {
   LogCapture log;
   const FileMappingDirHelper helper(host());
-  EXPECT_EQ(contentsOf(configurationFile()), support::asStoredText(kDefaultConfiguration));
+  EXPECT_EQ(contentsOf(configurationFile()), support::asStoredText(support::kDefaultConfiguration));
   EXPECT_THAT(helper.rootDirList(), ElementsAre(defaultFolder()));
   EXPECT_TRUE(std::filesystem::is_directory(helper.rootDirList()[0]));
   EXPECT_TRUE(helper.bAlternateUseDisk());
@@ -470,7 +454,7 @@ TEST_F(ConfigurationTest, IsLeftAsItIs) {
 }
 
 TEST_F(ConfigurationTest, WithEmptyRootsMeansTheDefaultFolders) {
-  configure(kDefaultConfiguration);
+  configure(support::kDefaultConfiguration);
   LogCapture log;
   const FileMappingDirHelper helper(host());
   EXPECT_THAT(helper.rootDirList(), ElementsAre(defaultFolder()));
@@ -507,7 +491,7 @@ TEST_F(ConfigurationTest, OfAUserWithAnyNameIsFound) {
   EXPECT_THAT(helper.rootDirList(),
               ElementsAre(scratch_.wide() + L"\u00E4nn \u56FE/Korvane/KvTileImage/caches/" + host.tag() + L"/"));
   EXPECT_EQ(contentsOf(scratch_.path() / u8"\u00E4nn \u56FE/Korvane/KvTileImage/KvTileImage_FileMapingConfig.json"),
-            support::asStoredText(kDefaultConfiguration));
+            support::asStoredText(support::kDefaultConfiguration));
   EXPECT_THAT(log.take(), IsEmpty());
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "support/default_configuration.h"
 #include "worker.h"
 
 namespace {
@@ -256,22 +257,7 @@ TEST_F(ConfigurationTest, IsCompleteHoweverManyProcessesFindNone) {
     EXPECT_EQ(worker->answer(), "made");
     EXPECT_EQ(worker->log(4), "");
   }
-  EXPECT_EQ(configuration(),
-            "{\n"
-            "    \"meta\": {\n"
-            "        \"mainVersion\": 1,\n"
-            "        \"subVersion\": 0,\n"
-            "        \"type\": \"FileMapingConfig\"\n"
-            "    },\n"
-            "    \"desc\": {\n"
-            "        \"rootDirList\": [\n"
-            "            \"\",\n"
-            "            \"\",\n"
-            "            \"\"\n"
-            "        ],\n"
-            "        \"bAlternateUseDisk\": true\n"
-            "    }\n"
-            "}");
+  EXPECT_EQ(configuration(), support::kDefaultConfiguration);
   EXPECT_THAT(namesIn(home_.dataFolder()), ElementsAre("KvTileImage_FileMapingConfig.json", "caches"));
 }
 

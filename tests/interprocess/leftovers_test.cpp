@@ -8,6 +8,7 @@
 #include <thread>
 #include <tuple>
 
+#include "support/system.h"
 #include "worker.h"
 #include "worker_system.h"
 
@@ -251,8 +252,7 @@ TEST_F(NamedTest, AreBackingFilesOnly) {
 
 TEST_F(NamedTest, StayWhileAnyoneHasThemInUse) {
   const std::filesystem::path path = program_.leave("stray" + std::string(kBackingFileExtension));
-  const HeldFile held(path);
-  ASSERT_TRUE(held.held());
+  const support::HeldFile held(path);
   cleanUp();
   EXPECT_TRUE(std::filesystem::exists(path));
   EXPECT_EQ(cleaner_.logged("stray.korvaneFileMapping is being used by other process!"), 1);

@@ -19,18 +19,4 @@ std::filesystem::path userDataFolder(const std::filesystem::path& scratch);
 // What a copy of the worker that stands elsewhere has to find in its environment.
 support::ChildProcess::Environment workerEnvironment(const std::filesystem::path& userData);
 
-// Holds a file as a process does that still uses it: no one can delete it.
-class HeldFile {
- public:
-  explicit HeldFile(const std::filesystem::path& path);
-  ~HeldFile();
-  HeldFile(const HeldFile&) = delete;
-  HeldFile& operator=(const HeldFile&) = delete;
-
-  bool held() const;
-
- private:
-  std::intptr_t handle_;
-};
-
 }  // namespace interprocess

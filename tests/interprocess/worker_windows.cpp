@@ -27,16 +27,4 @@ support::ChildProcess::Environment workerEnvironment(const std::filesystem::path
   return {{"PATH", testFolder().string() + ';' + (path != nullptr ? path : "")}};
 }
 
-HeldFile::HeldFile(const std::filesystem::path& path)
-    : handle_(reinterpret_cast<std::intptr_t>(CreateFileW(
-          path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr))) {}
-
-HeldFile::~HeldFile() {
-  if (held()) {
-    CloseHandle(reinterpret_cast<HANDLE>(handle_));
-  }
-}
-
-bool HeldFile::held() const { return reinterpret_cast<HANDLE>(handle_) != INVALID_HANDLE_VALUE; }
-
 }  // namespace interprocess
