@@ -1,7 +1,9 @@
 #include "platform/threads.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
+#include <new>
 #include <utility>
 
 namespace platform {
@@ -21,6 +23,24 @@ struct Owner {
 
 thread_local Owner owner;
 
+// A place for objects that come when those of the thread are gone already: a program may use images in the destructors
+// of its own. What is put there goes after them.
+class LatePlace {
+ public:
+  LatePlace() noexcept : made_(pthread_key_create(&key_, &destroy) == 0) {}
+
+  bool set(ThreadObject* late) const noexcept { return made_ && pthread_setspecific(key_, late) == 0; }
+
+ private:
+  static void destroy(void* late) {
+    object = nullptr;
+    delete static_cast<ThreadObject*>(late);
+  }
+
+  pthread_key_t key_{};
+  bool made_;
+};
+
 }  // namespace
 
 std::uint32_t currentThreadId() noexcept {
@@ -33,8 +53,10 @@ ThreadObject* threadObject() noexcept { return object; }
 
 void setThreadObject(std::unique_ptr<ThreadObject> newObject) {
   if (ended) {
-    // Nothing would destroy it any more. A program that uses images in the destructors of its own thread-local or
-    // static objects comes here.
+    static const LatePlace place;
+    if (!place.set(newObject.get())) {
+      throw std::bad_alloc();
+    }
     object = newObject.release();
     return;
   }
