@@ -160,8 +160,8 @@ KVTILEIMAGE_API void KvTileImage_EndCurrentThreadIO(TileImageHandle* image) KVTI
 /* Get... copies from the image into `buffer`, Set... from `buffer` into the image. `buffer` belongs to the caller and
  * holds `bufferBytes` bytes, at least as many as the run occupies; bytes behind the run are neither read nor written.
  *
- * False, with a logged reason, if the handle or the buffer is null, the run is empty or reaches outside the image, or
- * the buffer is too small; nothing is copied then.
+ * False, with a logged reason, if the handle or the buffer is null, the run is empty or reaches outside the image, the
+ * buffer is too small, or tiles that are kept in files cannot be mapped into memory; nothing is copied then.
  *
  * Columns of packed formats with pixels of 8 bits and more (for example 3 x 4 bits) fail at the first pixel whose bits
  * start at the same place inside a byte in the image row and in the buffer, the first bit of a byte aside; the pixels
