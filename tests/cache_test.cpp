@@ -740,7 +740,7 @@ class TwoDisksTest : public CacheFoldersTest {
 
 TEST_F(TwoDisksTest, TakeFilesInTurn) {
   if (!otherIsFixed_) {
-    GTEST_SKIP() << "takes two disks";
+    GTEST_SKIP() << "this machine has one disk only";
   }
   configureDisks(false, true);
   const FileMappingDirHelper helper(host());

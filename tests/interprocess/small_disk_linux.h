@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <ostream>
 #include <string>
 
 #include "support/scratch_folder.h"
@@ -44,5 +45,10 @@ class SmallDisk {
   std::filesystem::path folder_;
   std::string missing_;
 };
+
+inline void PrintTo(SmallDisk::Kind kind, std::ostream* out) {
+  constexpr const char* kNames[] = {"memory", "ext4", "ext4 without reservation", "no size"};
+  *out << kNames[static_cast<int>(kind)];
+}
 
 }  // namespace interprocess
