@@ -20,8 +20,8 @@ using Stream = std::unique_ptr<std::FILE, CloseStream>;
 // one read.
 Stream openTextForReading(const std::wstring& path);
 
-// Makes `text` the contents of a text file, made if it is missing; no other process reads it meanwhile. False if it
-// cannot be made or is open elsewhere; what it held before is kept then where the system allows that.
+// Makes `text` the contents of a text file, made if it is missing; no other process reads a part of it. False if it
+// cannot be made or someone denies it to others; what it held before is kept then where the system allows that.
 bool writeText(const std::wstring& path, std::string_view text);
 
 // An empty file that no one else can open in this way while the stream lives. Null if someone has it open, or it cannot

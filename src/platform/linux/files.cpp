@@ -134,7 +134,8 @@ bool writeText(const std::wstring& path, std::string_view text) {
   const std::string name = narrowPath(path);
   struct stat present {};
   const bool replaces = lstat(name.c_str(), &present) == 0;
-  const Descriptor locked = replaces ? openLocked(name, O_RDWR | O_NOFOLLOW, LOCK_EX) : Descriptor();
+  // Whoever denies others the file keeps it. Readers need not be kept out: they see the old text or the new one.
+  const Descriptor locked = replaces ? openLocked(name, O_RDWR | O_NOFOLLOW, LOCK_SH) : Descriptor();
   return locked.valid() == replaces && withinFileSizeLimit(text.size()) && replaceFile(name, text);
 }
 
