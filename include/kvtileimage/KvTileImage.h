@@ -46,10 +46,15 @@ extern "C" {
 /* One image. Owned by the caller from the allocating function to KvTileImage_Unload. */
 typedef struct TileImageHandle TileImageHandle;
 
-/* Called after each row of a rotation or mirroring: `index` is the row just done, ascending from 0, `count` the number
- * of rows. Runs on the thread that called the library. It must return: no longjmp, no end of the thread. A C++ callback
- * that is built with the library's own compiler (GCC or Clang on Linux, MinGW-w64 on Windows) may throw to stop the
- * work: the exception ends in the library, and the function that was called fails. */
+/* A lookup table (LookupTableHandle) or a map of them (LookupTableMapHandle): cells of one form, told apart when they
+ * are used. Owned by the caller from the creating function to KvTileImage_DestroyLookupTable. */
+typedef struct LookupHandle LookupTableHandle;
+typedef struct LookupHandle LookupTableMapHandle;
+
+/* Called after each row of a tone curve, a rotation or a mirroring: `index` is the row just done, ascending from 0,
+ * `count` the number of rows. Runs on the thread that called the library. It must return: no longjmp, no end of the
+ * thread. A C++ callback that is built with the library's own compiler (GCC or Clang on Linux, MinGW-w64 on Windows)
+ * may throw to stop the work: the exception ends in the library, and the function that was called fails. */
 typedef void (*KvTileImage_ProgressCallback)(uint32_t index, uint32_t count);
 
 /* How the image will mostly be accessed; shapes the tiles of images that are kept in files. */
@@ -202,6 +207,157 @@ KVTILEIMAGE_API bool KvTileImage_SetFullColData(TileImageHandle* image, uint32_t
 /* count * scale + 0.5, truncated: the pixels that `count` pixels become under `scale`. Results below 0 and not-a-number
  * give 0, results of 2^64 and more the largest uint64_t. */
 KVTILEIMAGE_API uint64_t KvTileImage_ComputeScaledPixelCount(uint64_t count, double scale) KVTILEIMAGE_NOEXCEPT;
+
+/* ---- Lookup tables ---------------------------------------------------------------------------------------------- */
+
+/* A tone curve as a table: one output value for every value that a sample of 8 or 16 bits can have. A table never
+ * changes once it is made, and any number of threads may use it at the same time.
+ *
+ * CreateLookupTable8_... and CreateLookupTable16_... make tables for samples of 8 and 16 bits; CreateLookupTable_...
+ * take the depth, `bitsPerSample`, and return null without a message if it is another one. All return a table that the
+ * caller owns, or null, with a logged reason, for parameters outside their range or if there is no memory.
+ *
+ * Below, i is the sample, M its highest value, 255 or 65535, and `middle` 128 or 32768. Results are computed in double
+ * precision, cut to 0 .. M and rounded half up. */
+
+/* M * (i / M)^(1 / gamma): above 1 brightens, below 1 darkens, black and white stay. `gamma` must be above 0; not a
+ * number is accepted and makes a table of zeros. */
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable_Gamma(uint32_t bitsPerSample,
+                                                                       double gamma) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable8_Gamma(double gamma) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable16_Gamma(double gamma) KVTILEIMAGE_NOEXCEPT;
+
+/* i * (brightness + 1): -1 makes everything 0, 0 changes nothing, 1 doubles. `brightness` in [-1, 1]. */
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable_Brightness(uint32_t bitsPerSample,
+                                                                            double brightness) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable8_Brightness(double brightness) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable16_Brightness(double brightness) KVTILEIMAGE_NOEXCEPT;
+
+/* (i - middle) * (contrast + 1) + middle from `middle` upwards, and M everywhere below it (`middle` with a contrast of
+ * -1): 0 is NOT the identity. Callers rely on this one-sided curve; for a curve that treats both sides of the middle
+ * alike use ..._BrightnessContrast with a brightness of 0. `contrast` in [-1, 1]. */
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable_Contrast(uint32_t bitsPerSample,
+                                                                          double contrast) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable8_Contrast(double contrast) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable16_Contrast(double contrast) KVTILEIMAGE_NOEXCEPT;
+
+/* Three curves in one, rounded once: v = (i - middle) * (contrast + 1) + middle, then v * (brightness + 1), then
+ * M * (v / M)^(1 / gamma), each cut to 0 .. M; with `invert`, M minus the result. Contrast and brightness of 0 and a
+ * gamma of 1 do nothing, nor does a gamma of 0 and below. No parameter is refused. */
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable_BrightnessContrastGamma(
+    uint32_t bitsPerSample, double brightness, double contrast, double gamma, bool invert) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable8_BrightnessContrastGamma(
+    double brightness, double contrast, double gamma, bool invert) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable16_BrightnessContrastGamma(
+    double brightness, double contrast, double gamma, bool invert) KVTILEIMAGE_NOEXCEPT;
+
+/* The same with a gamma of 1 and without inversion. The 8-bit function lacks the last letter of its name: programs find
+ * it by that name. */
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable_BrightnessContrast(
+    uint32_t bitsPerSample, double brightness, double contrast) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable8_BrightnessContras(double brightness, double contrast)
+    KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable16_BrightnessContrast(
+    double brightness, double contrast) KVTILEIMAGE_NOEXCEPT;
+
+/* 0 below `threshold` and M from it on; with `invert` M below and 0 from it on. `threshold` in 0 .. M. */
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable_Threshold(uint32_t bitsPerSample, int32_t threshold,
+                                                                           bool invert) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable8_Threshold(int32_t threshold,
+                                                                            bool invert) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable16_Threshold(int32_t threshold,
+                                                                             bool invert) KVTILEIMAGE_NOEXCEPT;
+
+/* The caller's own entries in ascending order of i, which are copied: 256 bytes, or 131072 bytes, that is 65536 16-bit
+ * values in the machine's byte order. `byteCount` is the size of the array; what is behind the entries is ignored. Null
+ * if `bytes` is null or `byteCount` is below 256, or for 16 bits below 65536. Mind that a 16-bit table reads 131072
+ * bytes whenever byteCount is 65536 or more: the caller makes sure that they are there. */
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable_ByteStream(uint32_t bitsPerSample,
+                                                                            const uint8_t* bytes,
+                                                                            uint64_t byteCount) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable8_ByteStream(const uint8_t* bytes,
+                                                                             uint64_t byteCount) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable16_ByteStream(const uint8_t* bytes,
+                                                                              uint64_t byteCount) KVTILEIMAGE_NOEXCEPT;
+
+/* A map says which table is for which channel, the index of a sample in its pixel. These make an empty one for tables
+ * of 8 or 16 bits, which the caller owns; null for another depth or if there is no memory. */
+KVTILEIMAGE_API LookupTableMapHandle* KvTileImage_CreateLookupTableMap(uint32_t bitsPerSample) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableMapHandle* KvTileImage_CreateLookupTableMap8(void) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API LookupTableMapHandle* KvTileImage_CreateLookupTableMap16(void) KVTILEIMAGE_NOEXCEPT;
+
+/* Gives `channel` the table, in the place of the one it has, if any. The map shares the table with its handle, which
+ * may be destroyed afterwards. False if a handle is null, and, with a logged reason, if the table has another depth
+ * than the map or there is no memory. Must not overlap another use of the map. */
+KVTILEIMAGE_API bool KvTileImage_InsertLookupTable(LookupTableMapHandle* map, LookupTableHandle* table,
+                                                   uint32_t channel) KVTILEIMAGE_NOEXCEPT;
+
+/* Releases the handle of a table or of a map: one function with two names, either of which takes either. Null is
+ * ignored. Tables that a map or a running call still uses live as long as that. The handle is invalid afterwards. */
+KVTILEIMAGE_API void KvTileImage_DestroyLookupTable(LookupTableHandle* tableOrMap) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API void KvTileImage_DestroyLookupTableMap(LookupTableMapHandle* tableOrMap) KVTILEIMAGE_NOEXCEPT;
+
+/* ---- Tone curves ------------------------------------------------------------------------------------------------ */
+
+/* Replace samples of `image` by their entries of a table, row by row from the top. AdjustCurve...Ex leaves the image as
+ * it is and returns a new one of the same size and format at 72 dpi, owned by the caller; the others change the image
+ * itself. `progress` may be null; it is called for row y after row y is written and before row y + 1 is.
+ *
+ * False or null for a null handle, and, with a logged reason, if the image does not have the depth of the table or
+ * map, 8 or 16 bits, if storage for the result or memory for a row cannot be had, or if a row cannot be transferred: an
+ * image that is changed in place has the rows before it changed then. Packed images are refused, not converted.
+ *
+ * Threads that work on one image at the same time must not overlap, as in all transfers of pixels. */
+
+/* Every sample of every pixel. */
+KVTILEIMAGE_API bool KvTileImage_AdjustCurveOfAllChannels(TileImageHandle* image, LookupTableHandle* table,
+                                                          KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API TileImageHandle* KvTileImage_AdjustCurveOfAllChannelsEx(
+    TileImageHandle* image, LookupTableHandle* table, KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+
+/* The channels that have a table in `map`; the others keep their values, and tables for channels that the image does
+ * not have are ignored. With an empty map the first returns true at once, without calling `progress`, and the second a
+ * copy. */
+KVTILEIMAGE_API bool KvTileImage_AdjustCurveOfSomeChannels(TileImageHandle* image, LookupTableMapHandle* map,
+                                                           KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API TileImageHandle* KvTileImage_AdjustCurveOfSomeChannelsEx(
+    TileImageHandle* image, LookupTableMapHandle* map, KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+
+/* Every sample, with the table that the function for lookup tables of the same name makes for the image's depth; false
+ * where it makes none. Parameters that change nothing (gamma 1; brightness 0; contrast 0, although its table is not the
+ * identity; all three without inversion) return true at once, whatever the depth of the image, without calling
+ * `progress`. */
+KVTILEIMAGE_API bool KvTileImage_AdjustCurveOfAllChannels_Gamma(
+    TileImageHandle* image, double gamma, KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_AdjustCurveOfAllChannels_Brightness(
+    TileImageHandle* image, double brightness, KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_AdjustCurveOfAllChannels_Contrast(
+    TileImageHandle* image, double contrast, KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_AdjustCurveOfAllChannels_BrightnessContrastGamma(
+    TileImageHandle* image, double brightness, double contrast, double gamma, bool invert,
+    KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_AdjustCurveOfAllChannels_BrightnessContrast(
+    TileImageHandle* image, double brightness, double contrast,
+    KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+
+/* The same; no threshold changes nothing. */
+KVTILEIMAGE_API bool KvTileImage_AdjustCurveOfAllChannels_Threshold(
+    TileImageHandle* image, int32_t threshold, bool invert, KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+
+/* The same into a new image, which is made for parameters that change nothing too; the table of contrast 0 is applied
+ * then. ..._BrightnessContrast never calls `progress`: callers rely on it. */
+KVTILEIMAGE_API TileImageHandle* KvTileImage_AdjustCurveOfAllChannelsEx_Gamma(
+    TileImageHandle* image, double gamma, KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API TileImageHandle* KvTileImage_AdjustCurveOfAllChannelsEx_Brightness(
+    TileImageHandle* image, double brightness, KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API TileImageHandle* KvTileImage_AdjustCurveOfAllChannelsEx_Contrast(
+    TileImageHandle* image, double contrast, KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API TileImageHandle* KvTileImage_AdjustCurveOfAllChannelsEx_BrightnessContrastGamma(
+    TileImageHandle* image, double brightness, double contrast, double gamma, bool invert,
+    KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API TileImageHandle* KvTileImage_AdjustCurveOfAllChannelsEx_BrightnessContrast(
+    TileImageHandle* image, double brightness, double contrast,
+    KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
 
 /* ---- Rotation and mirroring ------------------------------------------------------------------------------------- */
 

@@ -7,23 +7,13 @@
 using core::TileImage;
 using rotate::RotateEngine;
 
-namespace {
-
-std::unique_ptr<TileImage> allocateResult(const TileImage& source, uint32_t rotation) {
-  const bool axesKept = rotation % 180 == 0;
-  return TileImage::createNormal({axesKept ? source.width() : source.height(),
-                                  axesKept ? source.height() : source.width(), source.format().samplesPerPixel,
-                                  source.format().bitsPerSample, source.sampleformat(), false,
-                                  KVTI_SCANLINE_OPERATION_ROWCOL});
-}
-
-}  // namespace
-
 TileImageHandle* KvTileImage_RotateAndMirror(TileImageHandle* image, int32_t rotation, uint32_t mirror,
                                              bool mirrorAfterRotation, KvTileImage_ProgressCallback progress) noexcept {
   return api::withImage(image, static_cast<TileImageHandle*>(nullptr), [&](TileImage& source) -> TileImageHandle* {
     const uint32_t angle = RotateEngine::normalizeRotation(rotation);
-    auto result = allocateResult(source, angle);
+    const bool axesKept = angle % 180 == 0;
+    auto result = axesKept ? api::allocateResult(source, source.width(), source.height())
+                           : api::allocateResult(source, source.height(), source.width());
     if (result == nullptr) {
       return nullptr;
     }

@@ -6,6 +6,7 @@
 
 #include "base/log.h"
 #include "core/tile_image.h"
+#include "kvtileimage/KvTileImage.h"
 
 // A heap cell of one pointer. The image is never shared between two handles.
 struct TileImageHandle {
@@ -17,6 +18,14 @@ namespace api {
 // A new handle that owns `image`. Null if `image` is null or there is no memory; the image is destroyed then.
 inline TileImageHandle* wrap(std::unique_ptr<core::TileImage> image) {
   return image == nullptr ? nullptr : new (std::nothrow) TileImageHandle{std::move(image)};
+}
+
+// The image that a result made from `source` goes into, with the source's format and the given size, all samples zero.
+// Null, with a logged reason, if the storage cannot be had.
+inline std::unique_ptr<core::TileImage> allocateResult(const core::TileImage& source, std::uint32_t width,
+                                                       std::uint32_t height) {
+  return core::TileImage::createNormal({width, height, source.format().samplesPerPixel, source.format().bitsPerSample,
+                                        source.sampleformat(), false, KVTI_SCANLINE_OPERATION_ROWCOL});
 }
 
 // What `action` returns for the handle's image, or `onFailure` without one, or if an exception escapes: none crosses

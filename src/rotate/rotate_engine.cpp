@@ -14,6 +14,7 @@ namespace rotate {
 namespace {
 
 using core::Direction;
+using core::ProgressCallback;
 using core::TileImage;
 
 constexpr const char* kName = "RotateEngine::rotateAndMirror";
@@ -146,7 +147,7 @@ std::uint32_t RotateEngine::normalizeRotation(std::int32_t rotation) {
 }
 
 bool RotateEngine::rotateAndMirror(TileImage& srcImage, TileImage& dstImage, std::int32_t rotation,
-                                   std::uint32_t mirror, bool mirrorAfterRotation, ProgressCallback progress) {
+                                   std::uint32_t mirror, bool mirrorAfterRotation, core::ProgressCallback progress) {
   const std::uint32_t angle = normalizeRotation(rotation);
   if (angle % 90 != 0) {
     base::logger().log(ember_logger::error, "[%s] rotation:%d !", kName, static_cast<int>(angle));

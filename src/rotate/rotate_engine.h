@@ -3,11 +3,10 @@
 
 #include <cstdint>
 
+#include "core/progress_callback.h"
 #include "core/tile_image.h"
 
 namespace rotate {
-
-using ProgressCallback = void (*)(std::uint32_t index, std::uint32_t count);
 
 class RotateEngine {
  public:
@@ -23,7 +22,7 @@ class RotateEngine {
   // column that cannot be transferred; the destination is partly written then. A mirror code above 2, after the turn,
   // writes nothing and succeeds.
   static bool rotateAndMirror(core::TileImage& srcImage, core::TileImage& dstImage, std::int32_t rotation,
-                              std::uint32_t mirror, bool mirrorAfterRotation, ProgressCallback progress);
+                              std::uint32_t mirror, bool mirrorAfterRotation, core::ProgressCallback progress);
 };
 
 }  // namespace rotate
