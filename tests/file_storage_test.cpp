@@ -33,6 +33,7 @@
 #include "storage/file_mapping_thread_data.h"
 #include "storage/tile_image_memory_byte_counter.h"
 #include "support/allocation_failures.h"
+#include "support/backing_files.h"
 #include "support/image.h"
 #include "support/log_capture.h"
 #include "support/mapping_calls.h"
@@ -50,6 +51,8 @@ using storage::SyncFlusher;
 using storage::ThreadLocalData;
 using storage::TileArea;
 using storage::TileByteSizes;
+using support::BackingFile;
+using support::backingFiles;
 using support::errors;
 using support::FlushCall;
 using support::LogCapture;
@@ -69,30 +72,6 @@ constexpr bool kOnWindows = false;
 constexpr std::uint64_t kGranularity = kOnWindows ? 65536 : 4096;
 
 // ---- The files of this process
-
-struct BackingFile {
-  std::filesystem::path path;
-  std::uint64_t number = 0;
-
-  std::string name() const { return path.filename().string(); }
-  std::uint64_t bytes() const { return std::filesystem::file_size(path); }
-};
-
-// In the order in which they were made: tile by tile, row by row.
-std::vector<BackingFile> backingFiles() {
-  const std::wstring prefix = cache::FileMappingFilePathHelper::prefix();
-  std::vector<BackingFile> files;
-  for (const std::wstring& folder : cache::FileMappingDirHelper::instance()->rootDirList()) {
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-      const std::wstring name = entry.path().filename().wstring();
-      if (name.starts_with(prefix)) {
-        files.push_back({entry.path(), std::stoull(name.substr(prefix.size()))});
-      }
-    }
-  }
-  std::sort(files.begin(), files.end(), [](const auto& a, const auto& b) { return a.number < b.number; });
-  return files;
-}
 
 std::vector<std::uint64_t> fileSizes() {
   std::vector<std::uint64_t> sizes;

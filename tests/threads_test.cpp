@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <random>
 #include <thread>
 #include <vector>
@@ -11,6 +12,7 @@
 #include "kvtileimage/KvTileImage.h"
 #include "support/image.h"
 #include "support/log_capture.h"
+#include "support/lookup_handles.h"
 
 namespace {
 
@@ -272,6 +274,76 @@ TEST(ThreadsTest, CreateTurnAndReleaseImagesOfTheirOwn) {
   // All budget is free again: an image whose bits are 32,768 less than 1 GiB fits, which leaves no room for 33,000
   // bytes.
   EXPECT_NE(support::allocate(32767, 32768, 1, 1), nullptr);
+}
+
+// ---- Tone curves
+
+// Each thread has its own images; all use the tables and the map of the others, and let go of them at different times.
+TEST(CurveThreadsTest, ShareTablesAndMaps) {
+  constexpr std::uint32_t kRounds = 20;
+  const support::Table inverted(KvTileImage_CreateLookupTable8_BrightnessContrastGamma(0.0, 0.0, 1.0, true));
+  const support::TableMap map(KvTileImage_CreateLookupTableMap8());
+  ASSERT_TRUE(KvTileImage_InsertLookupTable(map.get(), inverted.get(), 1));
+  onThreads([&](std::uint32_t index) {
+    const std::uint32_t width = 100 + index;
+    const Image image = support::allocate(width, 50, 2, 8);
+    std::vector<std::uint8_t> row(std::size_t{width} * 2);
+    for (std::uint32_t round = 0; round < kRounds; ++round) {
+      const support::TableMap own(KvTileImage_CreateLookupTableMap8());
+      EXPECT_TRUE(KvTileImage_InsertLookupTable(own.get(), inverted.get(), 0));
+      EXPECT_TRUE(KvTileImage_AdjustCurveOfAllChannels(image.get(), inverted.get(), nullptr));
+      EXPECT_TRUE(KvTileImage_AdjustCurveOfSomeChannels(image.get(), map.get(), nullptr));
+      EXPECT_TRUE(KvTileImage_AdjustCurveOfSomeChannels(image.get(), own.get(), nullptr));
+      // Both samples have been inverted twice since the round began.
+      for (std::uint32_t y = 0; y < 50; ++y) {
+        EXPECT_TRUE(KvTileImage_GetFullRowData(image.get(), y, row.data(), row.size()));
+        EXPECT_EQ(std::count(row.begin(), row.end(), 0), static_cast<long>(row.size()));
+      }
+    }
+  });
+}
+
+// The map is the last to use the table, on whichever thread that is.
+TEST(CurveThreadsTest, DestroyHandlesOfSharedTables) {
+  for (int round = 0; round < 50; ++round) {
+    std::vector<support::Table> handles;
+    handles.emplace_back(KvTileImage_CreateLookupTable16_Gamma(2.0));
+    for (std::uint32_t index = 0; index < kThreads; ++index) {
+      handles.emplace_back(KvTileImage_CreateLookupTableMap16());
+      ASSERT_TRUE(KvTileImage_InsertLookupTable(handles.back().get(), handles.front().get(), 0));
+    }
+    std::atomic<std::uint32_t> waiting = kThreads;
+    onThreads([&](std::uint32_t index) {
+      const Image image = support::allocate(30, 2, 1, 16);
+      for (--waiting; waiting != 0;) {
+      }
+      if (index == 0) {
+        handles.front().reset();
+      }
+      EXPECT_TRUE(KvTileImage_AdjustCurveOfSomeChannels(image.get(), handles[index + 1].get(), nullptr));
+      handles[index + 1].reset();
+    });
+  }
+}
+
+// Each thread inverts the one image an odd number of times, in its turn.
+TEST(CurveThreadsTest, TakeTurnsWithOneImage) {
+  const Image image = support::allocateInFiles(300, 40, 1, 8, KVTI_SCANLINE_OPERATION_ROW);
+  std::mutex turn;
+  onThreads([&](std::uint32_t index) {
+    for (std::uint32_t round = 0; round < 2 * index + 3; ++round) {
+      const std::lock_guard lock(turn);
+      EXPECT_TRUE(
+          KvTileImage_AdjustCurveOfAllChannels_BrightnessContrastGamma(image.get(), 0.0, 0.0, 1.0, true, nullptr));
+    }
+    KvTileImage_EndCurrentThreadIO(image.get());
+  });
+  // 3 + 5 + 7 + 9 times.
+  std::vector<std::uint8_t> column(40, 1);
+  for (std::uint32_t x = 0; x < 300; ++x) {
+    ASSERT_TRUE(KvTileImage_GetFullColData(image.get(), x, column.data(), column.size()));
+    ASSERT_EQ(std::count(column.begin(), column.end(), 0), 40) << x;
+  }
 }
 
 }  // namespace

@@ -30,6 +30,8 @@ int main(void) {
   uint8_t back[3] = {0, 0, 0};
   TileImageHandle* image;
   TileImageHandle* turned;
+  LookupTableHandle* table;
+  LookupTableMapHandle* map;
 
   EmberLogger_SetSink(count_error, NULL);
   if (KvTileImage_Alloc(0, 1, 3, 8, KVTI_SAMPLEFORMAT_UINT, 0) != NULL || errors_seen != 2) {
@@ -44,6 +46,15 @@ int main(void) {
       memcmp(pixel, back, sizeof(pixel)) != 0) {
     return fail("the turned pixel is not where it belongs");
   }
+  table = KvTileImage_CreateLookupTable8_Threshold(2, false);
+  map = KvTileImage_CreateLookupTableMap8();
+  if (!KvTileImage_InsertLookupTable(map, table, 1) || !KvTileImage_AdjustCurveOfSomeChannels(image, map, count_row) ||
+      rows_seen != 8 || !KvTileImage_GetPixelData(image, 4, 0, back, sizeof(back)) || back[0] != 1 || back[1] != 255 ||
+      back[2] != 3) {
+    return fail("a curve did not change the one channel it is for");
+  }
+  KvTileImage_DestroyLookupTableMap(map);
+  KvTileImage_DestroyLookupTable(table);
   KvTileImage_Unload(turned);
   KvTileImage_Unload(image);
   EmberLogger_SetSink(NULL, NULL);
