@@ -57,10 +57,9 @@ Calls everyRow(std::uint32_t rows) {
 
 // A table without order; `seed` makes others.
 Entries scrambled(std::uint32_t bits, std::uint32_t seed) {
-  std::mt19937 random(seed);
   Entries entries(std::size_t{1} << bits);
-  for (std::uint32_t& value : entries) {
-    value = static_cast<std::uint32_t>(random() & ((1U << bits) - 1));
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    entries[i] = static_cast<std::uint32_t>((i + seed * 977) * 0x9E3779B97F4A7C15U >> (64 - bits));
   }
   return entries;
 }
