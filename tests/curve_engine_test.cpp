@@ -226,7 +226,7 @@ TEST(CurveEngineTest, NoTableIsRefusedSilently) {
   log.take();
   EXPECT_FALSE(CurveEngine::adjustCurveOfAllChannels(*image, *image, nullptr, nullptr));
   EXPECT_FALSE(CurveEngine::adjustCurveOfSomeChannels(*image, *image, nullptr, nullptr));
-  TileImageHandle handle{imageOf({2, 2, 1, 8, KVTI_SAMPLEFORMAT_UINT, false, 3})};
+  TileImageHandle handle{imageOf({2, 2, 1, 8, KVTI_SAMPLEFORMAT_UINT, false, 3}).release()};
   LookupHandle noTable{LookupTablePointer()};
   LookupHandle noMap{std::shared_ptr<LookupTableMap>()};
   log.take();
@@ -335,7 +335,7 @@ TEST(CurveMemoryTest, MapsAreRefusedWhicheverAllocationFails) {
 }
 
 TEST(CurveMemoryTest, ImagesStayAsTheyAreWhicheverAllocationFails) {
-  TileImageHandle image{imageOf({20, 3, 2, 8, KVTI_SAMPLEFORMAT_UINT, false, 3})};
+  TileImageHandle image{imageOf({20, 3, 2, 8, KVTI_SAMPLEFORMAT_UINT, false, 3}).release()};
   LookupHandle table{CurveEngine::createLookupTable8_Threshold(0, false)};
   const auto tables = LookupTableMap::create(8);
   ASSERT_TRUE(tables->insert(1, std::get<LookupTablePointer>(table.reference)));

@@ -51,6 +51,10 @@ typedef struct TileImageHandle TileImageHandle;
 typedef struct LookupHandle LookupTableHandle;
 typedef struct LookupHandle LookupTableMapHandle;
 
+/* An engine that delivers an image's rows in another size; see KvTileImage_BeginRescaleRowScanline_ThreadSafe. Owned by
+ * the caller from the function that makes it to KvTileImage_EndRescaleRowScanline_ThreadSafe. */
+typedef struct RescaleEngineHandle RescaleEngineHandle;
+
 /* Called after each row of a tone curve, a rotation or a mirroring: `index` is the row just done, ascending from 0,
  * `count` the number of rows. Runs on the thread that called the library. It must return: no longjmp, no end of the
  * thread. A C++ callback that is built with the library's own compiler (GCC or Clang on Linux, MinGW-w64 on Windows)
@@ -62,17 +66,28 @@ typedef void (*KvTileImage_ProgressCallback)(uint32_t index, uint32_t count);
 #define KVTI_SCANLINE_OPERATION_COL UINT32_C(2)    /* whole columns */
 #define KVTI_SCANLINE_OPERATION_ROWCOL UINT32_C(3) /* both */
 
-/* Meaning of a sample's bits, the numbering of TIFF's SampleFormat. The library keeps the value for the caller and
- * hands it on to images made from this one; any value may be stored. */
+/* Meaning of a sample's bits, the numbering of TIFF's SampleFormat, the last one aside. The library keeps the value for
+ * the caller and hands it on to images made from this one; any value may be stored. Only rescaling looks at it: numbers
+ * with 64 bits are _INT64 or _DOUBLE to it, or _UINT or _INT. */
 #define KVTI_SAMPLEFORMAT_UINT UINT32_C(1)
 #define KVTI_SAMPLEFORMAT_INT UINT32_C(2)
-#define KVTI_SAMPLEFORMAT_FLOAT UINT32_C(3)
+#define KVTI_SAMPLEFORMAT_FLOAT UINT32_C(3) /* 32 bits */
+#define KVTI_SAMPLEFORMAT_INT64 UINT32_C(5)
+#define KVTI_SAMPLEFORMAT_DOUBLE UINT32_C(6)
 #define KVTI_SAMPLEFORMAT_UNSET UINT32_C(0xFFFFFFFF)
 
 /* Mirror codes. */
 #define KVTI_MIRROR_NONE UINT32_C(0)
 #define KVTI_MIRROR_HORIZONTAL UINT32_C(1) /* left and right change places */
 #define KVTI_MIRROR_VERTICAL UINT32_C(2)   /* top and bottom change places */
+
+/* Kernels that rescaling weights pixels with, by the distance from the middle of the new pixel. */
+#define KVTI_FILTER_BOX UINT32_C(0)        /* the mean of the pixels below; repeats pixels when enlarging */
+#define KVTI_FILTER_BICUBIC UINT32_C(1)    /* Mitchell and Netravali's cubic, B = C = 1/3: soft, hardly any ringing */
+#define KVTI_FILTER_BILINEAR UINT32_C(2)   /* straight lines between pixels */
+#define KVTI_FILTER_BSPLINE UINT32_C(3)    /* the cubic B-spline: very soft, no ringing */
+#define KVTI_FILTER_CATMULLROM UINT32_C(4) /* the cubic through the pixels: sharp, some ringing */
+#define KVTI_FILTER_LANCZOS3 UINT32_C(5)   /* a windowed sinc of six pixels: the sharpest, most ringing */
 
 /* ---- Version and memory budget ---------------------------------------------------------------------------------- */
 
@@ -399,6 +414,86 @@ KVTILEIMAGE_API TileImageHandle* KvTileImage_HorizontalMirror(
 /* KvTileImage_Mirror with KVTI_MIRROR_VERTICAL. */
 KVTILEIMAGE_API TileImageHandle* KvTileImage_VerticalMirror(TileImageHandle* image,
                                                             KvTileImage_ProgressCallback progress) KVTILEIMAGE_NOEXCEPT;
+
+/* ---- Rescaling -------------------------------------------------------------------------------------------------- */
+
+/* Every sample of the result is one weighted sum of samples of the source: those within the reach of the kernel
+ * `filter` (KVTI_FILTER_...) around the place of the new pixel, in double precision, source row by source row from the
+ * top and pixel by pixel from the left. Enlarging, the kernel spans source pixels; shrinking, new pixels, up to 100
+ * source pixels in each direction. The weights of a pixel add up to 1; at the edges the kernel is cut off.
+ *
+ * Integers are rounded by adding 0.5 and cutting off the fraction, then cut to the range of their type; floating-point
+ * numbers are cut to the largest finite values. Samples have 8, 16, 32 or 64 bits: KVTI_SAMPLEFORMAT_UINT and _INT,
+ * with 32 bits _FLOAT and with 64 bits _INT64 and _DOUBLE too. Samples of other formats are refused, by most functions
+ * when the first row is computed; where the result has the size of the source, rows of any format are copied.
+ *
+ * The source rectangle is pixels [x1, x2) of rows [y1, y2). It may not be empty nor reach beyond the width of the
+ * image. It may reach below the image, but rows that need pixels from there cannot be computed. */
+
+/* Writes the whole source, or its rectangle, into all of `destination`, an image of the same samplesPerPixel and
+ * bitsPerSample that gives the size. Rectangles of 4096 rows and 67,108,864 samples or more are worked on by several
+ * threads, which all end before the call does. False, with a logged reason, for a null handle, a filter or a rectangle
+ * that is refused, images that do not fit each other, without memory, or if a row cannot be read or written:
+ * the destination is partly written then. Neither image may be written to by others meanwhile. */
+KVTILEIMAGE_API bool KvTileImage_Rescale(TileImageHandle* source, TileImageHandle* destination,
+                                         uint32_t filter) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_RescaleEx(TileImageHandle* source, uint32_t x1, uint32_t y1, uint32_t x2, uint32_t y2,
+                                           TileImageHandle* destination, uint32_t filter) KVTILEIMAGE_NOEXCEPT;
+
+/* Prepares `image` to deliver its rectangle in another size, row by row: dstWidth * dstHeight pixels, or by scale,
+ * trunc(size * scale + 0.5) pixels each way. What an earlier Begin prepared is replaced, unless this one fails: false,
+ * with a logged reason, for a null handle, samples of other than 8, 16, 32 and 64 bits, an unknown filter, a rectangle
+ * that is refused, scales that are not finite and above 0, a result without pixels or with sides beyond 32 bits, and
+ * without memory. One thread at a time may stream from an image this way. */
+KVTILEIMAGE_API bool KvTileImage_BeginRescaleRowScanline(TileImageHandle* image, uint32_t x1, uint32_t y1, uint32_t x2,
+                                                         uint32_t y2, uint32_t dstWidth, uint32_t dstHeight,
+                                                         uint32_t filter) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_BeginRescaleRowScanlineEx(TileImageHandle* image, uint32_t x1, uint32_t y1,
+                                                           uint32_t x2, uint32_t y2, double scaleX, double scaleY,
+                                                           uint32_t filter) KVTILEIMAGE_NOEXCEPT;
+
+/* Computes row `row` of the result and copies it to `buffer`, of at least as many bytes as the row takes:
+ * KvTileImage_WidthAfterRescale(image) * bitsPerPixel / 8. Rows may be asked for in any order; neighbouring ones share
+ * the source rows that have been read. False, with a logged reason and the buffer as it was, for a row at or beyond
+ * KvTileImage_HeightAfterRescale(image), a buffer that is null or too small, samples that cannot be rescaled, or source
+ * rows that cannot be read; without a message for a null handle or if nothing was begun. */
+KVTILEIMAGE_API bool KvTileImage_RescaleRowScanline(TileImageHandle* image, uint32_t row, uint8_t* buffer,
+                                                    uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+
+/* The same without the copy: stores the address of the row and its size in bytes. The row belongs to the image; it
+ * stays until the next row is computed and until End, Begin or KvTileImage_Unload. False without a message if `buffer`
+ * or `bytes` is null. */
+KVTILEIMAGE_API bool KvTileImage_RescaleRowScanlineEx(TileImageHandle* image, uint32_t row, const uint8_t** buffer,
+                                                      uint64_t* bytes) KVTILEIMAGE_NOEXCEPT;
+
+/* Lets go of what Begin prepared. Nothing happens for a null handle or if nothing was begun. */
+KVTILEIMAGE_API void KvTileImage_EndRescaleRowScanline(TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+
+/* The size of the result in pixels; 0 for a null handle and if nothing was begun. */
+KVTILEIMAGE_API uint64_t KvTileImage_WidthAfterRescale(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API uint64_t KvTileImage_HeightAfterRescale(const TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+
+/* The same with an engine that the caller holds, so that several threads can stream from one image, each with an engine
+ * of its own. Null in the place of false. The engine keeps the image's pixels alive, even beyond KvTileImage_Unload,
+ * until KvTileImage_EndRescaleRowScanline_ThreadSafe, which ignores null. Threads that are done with an image in files
+ * call KvTileImage_EndCurrentThreadIO. */
+KVTILEIMAGE_API RescaleEngineHandle* KvTileImage_BeginRescaleRowScanline_ThreadSafe(
+    TileImageHandle* image, uint32_t x1, uint32_t y1, uint32_t x2, uint32_t y2, uint32_t dstWidth, uint32_t dstHeight,
+    uint32_t filter) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API RescaleEngineHandle* KvTileImage_BeginRescaleRowScanlineEx_ThreadSafe(
+    TileImageHandle* image, uint32_t x1, uint32_t y1, uint32_t x2, uint32_t y2, double scaleX, double scaleY,
+    uint32_t filter) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_RescaleRowScanline_ThreadSafe(RescaleEngineHandle* engine, uint32_t row,
+                                                               uint8_t* buffer,
+                                                               uint64_t bufferBytes) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API bool KvTileImage_RescaleRowScanlineEx_ThreadSafe(RescaleEngineHandle* engine, uint32_t row,
+                                                                 const uint8_t** buffer,
+                                                                 uint64_t* bytes) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API void KvTileImage_EndRescaleRowScanline_ThreadSafe(RescaleEngineHandle* engine) KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API uint64_t KvTileImage_WidthAfterRescale_ThreadSafe(const RescaleEngineHandle* engine)
+    KVTILEIMAGE_NOEXCEPT;
+KVTILEIMAGE_API uint64_t KvTileImage_HeightAfterRescale_ThreadSafe(const RescaleEngineHandle* engine)
+    KVTILEIMAGE_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -1,15 +1,7 @@
 // Version, memory budget and helpers that need no image.
-#include <cmath>
-#include <limits>
-
+#include "core/scaled_length.h"
 #include "kvtileimage/KvTileImage.h"
 #include "storage/tile_image_memory_byte_counter.h"
-
-namespace {
-
-constexpr double kTwoToThe64 = 18446744073709551616.0;
-
-}  // namespace
 
 void KvTileImage_VersionNum(uint32_t* major, uint32_t* minor, uint32_t* patch) noexcept {
   if (major != nullptr) {
@@ -37,9 +29,5 @@ void KvTileImage_SetMaxMemoryStorageBytes(uint64_t bytes) noexcept {
 }
 
 uint64_t KvTileImage_ComputeScaledPixelCount(uint64_t count, double scale) noexcept {
-  const double scaled = static_cast<double>(count) * scale + 0.5;
-  if (std::isnan(scaled) || scaled < 0.0) {
-    return 0;
-  }
-  return scaled < kTwoToThe64 ? static_cast<uint64_t>(scaled) : std::numeric_limits<uint64_t>::max();
+  return core::scaledLength(count, scale);
 }

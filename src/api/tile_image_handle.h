@@ -1,6 +1,7 @@
 // The handles that callers hold.
 #pragma once
 
+#include <boost/smart_ptr/intrusive_ptr.hpp>
 #include <memory>
 #include <new>
 
@@ -8,16 +9,18 @@
 #include "core/tile_image.h"
 #include "kvtileimage/KvTileImage.h"
 
-// A heap cell of one pointer. The image is never shared between two handles.
+// A heap cell of one pointer. The image is never shared between two handles of this kind; engines that callers hold
+// keep it alive beyond its handle.
 struct TileImageHandle {
-  std::unique_ptr<core::TileImage> image;
+  boost::intrusive_ptr<core::TileImage> image;
 };
 
 namespace api {
 
 // A new handle that owns `image`. Null if `image` is null or there is no memory; the image is destroyed then.
 inline TileImageHandle* wrap(std::unique_ptr<core::TileImage> image) {
-  return image == nullptr ? nullptr : new (std::nothrow) TileImageHandle{std::move(image)};
+  boost::intrusive_ptr<core::TileImage> shared(image.release());
+  return shared == nullptr ? nullptr : new (std::nothrow) TileImageHandle{std::move(shared)};
 }
 
 // The image that a result made from `source` goes into, with the source's format and the given size, all samples zero.

@@ -1,11 +1,17 @@
 // One raster image of any size.
 #pragma once
 
+#include <boost/smart_ptr/intrusive_ref_counter.hpp>
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "core/pixel_format.h"
 #include "core/tile_manager.h"
+
+namespace resize {
+class ScanlineResizeEngine;
+}
 
 namespace core {
 
@@ -20,9 +26,10 @@ struct TileImageArguments {
   std::uint32_t scanlineOperation = 0;
 };
 
-// Format and size never change after creation. Threads may copy different rows and columns at the same time; packed
-// pixels that share a byte must not be written at the same time.
-class TileImage {
+// Format and size never change after creation. Owned by one std::unique_ptr, or shared by boost::intrusive_ptrs.
+// Threads may copy different rows and columns at the same time; packed pixels that share a byte must not be written at
+// the same time.
+class TileImage : public boost::intrusive_ref_counter<TileImage> {
  public:
   // Null, with a logged reason, if an argument is 0 or the storage cannot be had.
   static std::unique_ptr<TileImage> createNormal(const TileImageArguments& arguments);
@@ -57,6 +64,11 @@ class TileImage {
   void setDpiX(float dpi) { dpiX_ = dpi; }
   void setDpiY(float dpi) { dpiY_ = dpi; }
 
+  // What delivers this image's rows in another size to the caller who began that, or null. Kept for the caller and let
+  // go of with the image; it does not own the image.
+  resize::ScanlineResizeEngine* rescaleEngine() const { return rescaleEngine_.get(); }
+  void setRescaleEngine(std::shared_ptr<resize::ScanlineResizeEngine> engine) { rescaleEngine_ = std::move(engine); }
+
  private:
   class BufferCursor;
 
@@ -74,6 +86,7 @@ class TileImage {
   float dpiY_ = 72.0F;
   std::uint32_t sampleformat_ = 0xFFFFFFFF;
   std::uint32_t scanlineOperation_ = 3;
+  std::shared_ptr<resize::ScanlineResizeEngine> rescaleEngine_;
   std::shared_ptr<TileManager> tileManager_;
 };
 
