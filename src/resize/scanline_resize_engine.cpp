@@ -111,7 +111,7 @@ bool ScanlineResizeEngine::fitsMemory() const {
   const core::PixelFormat& format = tileImage_.format();
   // A destination row, its sums, and a source row times its weight.
   const double pixels = static_cast<double>(dstWidth_) + source_.width();
-  const auto bytesPerSample = static_cast<double>(sizeof(double) + format.bitsPerSample / 8);
+  const std::uint32_t bytesPerSample = sizeof(double) + format.bitsPerSample / 8;
   const double bytes = pixels * format.samplesPerPixel * bytesPerSample;
   if (bytes > static_cast<double>(base::totalMemoryBytes())) {
     base::logger().log(ember_logger::error, "[%s] a row of the result needs more memory than there is",
