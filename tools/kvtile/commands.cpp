@@ -18,6 +18,7 @@
 #include "reader.h"
 #include "sampling.h"
 #include "system.h"
+#include "toning.h"
 #include "writer.h"
 
 namespace kvtile {
@@ -90,12 +91,14 @@ struct Plan {
   Turn turn;
   Picture held;     // as the image gets it
   Picture upright;  // turned
+  Toning toning;    // nothing to do if no tones change
   Picture result;   // in the size that is wanted
   Delivery delivery;
 };
 
 // Throws a Failure for all that can be known to fail before the work starts.
-Plan makePlan(const TransformRequest& request, FileFormat format, Reader& reader, const Storage& storage) {
+Plan makePlan(const TransformRequest& request, FileFormat format, Reader& reader, const Storage& storage,
+              LibraryMessages& messages) {
   const Picture& stored = reader.picture();
   OutputFile::check(request.output, request.input, request.force);
   reader.checkReadable();
@@ -107,7 +110,11 @@ Plan makePlan(const TransformRequest& request, FileFormat format, Reader& reader
   plan.held = request.widenTo8Bit ? stored.widenedTo8Bit() : stored;
   plan.upright = plan.held.turned(plan.turn);
   requireTurnable(request.input, plan.held.pixels, plan.turn);
-  plan.result = inSize(plan.upright, request.size, request.output);
+  plan.toning.picture = plan.upright;
+  if (request.tone.changes()) {
+    plan.toning = planToning(request.input, plan.upright, request.tone, messages);
+  }
+  plan.result = inSize(plan.toning.picture, request.size, request.output);
   plan.delivery = planDelivery(plan.result, format, request.output);
   storage.require(request.input, plan.held, !plan.turn.isIdentity());
   return plan;
@@ -131,6 +138,18 @@ void write(Image& image, const Picture& result, const Delivery& delivery, Writer
   }
   writer.finish();
   Progress::check();
+}
+
+void tellOfPlan(const TransformRequest& request, const Plan& plan, Console& console) {
+  for (const std::string& note : plan.toning.notes) {
+    console.note(request.input + ": " + note);
+  }
+  for (const std::string& note : plan.delivery.notes) {
+    console.note(request.output + ": " + note);
+  }
+  if (plan.delivery.picture.colourKey && widensColourKey(plan.upright, plan.toning)) {
+    console.note(request.output + ": other colours became the transparent one, so that more pixels may be transparent");
+  }
 }
 
 void tellOfOtherPages(Reader& reader, const std::string& input, Console& console) {
@@ -171,12 +190,10 @@ void transform(const TransformRequest& request, Console& console) {
   LibraryMessages messages(console);
   const Storage storage(request.budget, request.placement);
   std::unique_ptr<Reader> reader = openPicture(request.input, console);
-  const Plan plan = makePlan(request, format, *reader, storage);
+  const Plan plan = makePlan(request, format, *reader, storage, messages);
   const bool turning = !plan.turn.isIdentity();
   tellOfOtherPages(*reader, request.input, console);
-  for (const std::string& note : plan.delivery.notes) {
-    console.note(request.output + ": " + note);
-  }
+  tellOfPlan(request, plan, console);
 
   OutputFile output(request.output, request.force);
   Progress progress(console);
@@ -185,6 +202,9 @@ void transform(const TransformRequest& request, Console& console) {
   reader.reset();
   if (turning) {
     image.turn(plan.turn, plan.upright, progress);
+  }
+  if (!plan.toning.curves.empty()) {
+    image.adjust(plan.toning.curves, progress);
   }
   const auto writer = beginPicture(format, output.file(), request.output, plan.delivery.picture, console);
   write(image, plan.result, plan.delivery, *writer, progress);

@@ -8,6 +8,7 @@
 
 #include "console.h"
 #include "image.h"
+#include "tone.h"
 #include "turn.h"
 
 namespace kvtile {
@@ -22,6 +23,7 @@ struct TransformRequest {
   std::string input;
   std::string output;
   Turn turn;                 // applied to the picture as a viewer shows it
+  ToneRequest tone;          // what happens to the tones
   WantedSize size;           // of the turned picture
   std::uint64_t budget = 0;  // bytes; 0: the library's own
   Placement placement = Placement::Automatic;
