@@ -153,6 +153,9 @@ TEST_F(CommandLineTest, RefusesOtherToneCurves) {
   EXPECT_THAT(wrongUsage({"tone", "in.png", "out.png", "--gamma"}), HasSubstr("--gamma"));
   EXPECT_THAT(wrongUsage({"tone", "--invert=false", "in.png", "out.png"}), HasSubstr("invert"));
   EXPECT_THAT(wrongUsage({"rotate", "90", "--gamma", "2", "in.png", "out.png"}), HasSubstr("--gamma"));
+  EXPECT_EQ(wrongUsage({"histogram", "--gamma", "0", "in.png", "out.png"}),
+            "kvtile: --gamma: '0' is no gamma: allowed are numbers from 0.02 on, such as 2.2; "
+            "see 'kvtile histogram --help'\n");
 }
 
 TEST_F(CommandLineTest, StatsTellOfPlaceMemoryAndTime) {
@@ -169,6 +172,7 @@ TEST_F(CommandLineTest, StatsTellOfPlaceMemoryAndTime) {
   EXPECT_THAT(line({"convert"}), MatchesRegex(image + numbers));
   EXPECT_THAT(line({"resize", "--width", "5"}), MatchesRegex(image + numbers));
   EXPECT_THAT(line({"tone", "--gamma", "2"}), MatchesRegex(image + numbers));
+  EXPECT_THAT(line({"histogram"}), MatchesRegex(image + numbers));
   EXPECT_THAT(line({"rotate", "360"}), MatchesRegex(image + numbers));
   EXPECT_THAT(line({"rotate", "90"}), MatchesRegex(image + copy + numbers));
   EXPECT_THAT(line({"mirror", "vertical", "--quiet"}), MatchesRegex(image + copy + numbers));
@@ -218,11 +222,12 @@ TEST_F(CommandLineTest, HelpNamesEveryOptionAndGivesExamples) {
   const Result all = sandbox_.kvtile({"--help"});
   EXPECT_EQ(all.status, 0);
   EXPECT_EQ(all.err, "");
-  for (const char* word : {"info", "convert", "rotate", "mirror", "resize", "tone", "--budget", "--storage", "--stats",
-                           "--verbose", "--quiet", "--force", "--to-8bit", "--version", "Examples:"}) {
+  for (const char* word :
+       {"info", "convert", "rotate", "mirror", "resize", "tone", "histogram", "--budget", "--storage", "--stats",
+        "--verbose", "--quiet", "--force", "--to-8bit", "--version", "Examples:"}) {
     EXPECT_THAT(all.out, HasSubstr(word));
   }
-  for (const char* command : {"convert", "rotate", "mirror", "resize", "tone"}) {
+  for (const char* command : {"convert", "rotate", "mirror", "resize", "tone", "histogram"}) {
     const Result one = sandbox_.kvtile({command, "--help"});
     EXPECT_EQ(one.status, 0);
     for (const char* word : {"--budget", "--storage", "--stats", "--force", "--to-8bit", "Examples:", "IN", "OUT"}) {
@@ -232,10 +237,13 @@ TEST_F(CommandLineTest, HelpNamesEveryOptionAndGivesExamples) {
   const std::string resize = sandbox_.kvtile({"resize", "--help"}).out;
   EXPECT_THAT(resize, AllOf(HasSubstr("--width N"), HasSubstr("--height N"), HasSubstr("The resolution (dpi) stays")));
   const std::string tone = sandbox_.kvtile({"tone", "--help"}).out;
-  for (const char* word : {"--gamma G", "--brightness B", "--contrast C", "--invert", "--threshold T", "--curve FILE",
-                           "--channel N", "in the order in which they stand", "control points", "256 bytes"}) {
+  const std::string histogram = sandbox_.kvtile({"histogram", "--help"}).out;
+  for (const char* word :
+       {"--gamma G", "--brightness B", "--contrast C", "--invert", "--threshold T", "--curve FILE", "--channel N"}) {
     EXPECT_THAT(tone, HasSubstr(word));
+    EXPECT_THAT(histogram, HasSubstr(word));
   }
+  EXPECT_THAT(tone, AllOf(HasSubstr("in the order in which they stand"), HasSubstr("control points")));
   EXPECT_THAT(sandbox_.kvtile({"info", "--help"}).out, HasSubstr("kvtile info scan.tif"));
 }
 

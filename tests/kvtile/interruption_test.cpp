@@ -1,4 +1,4 @@
-// Requests to stop while the program reads, turns, tones and writes.
+// Requests to stop while the program reads, turns, tones, counts and writes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -32,6 +32,8 @@ std::vector<std::string> commandWith(const std::string& phase) {
   std::vector<std::string> command = {KVTILE_PROGRAM, "rotate", "90"};
   if (phase == "toning") {
     command = {KVTILE_PROGRAM, "tone", "--gamma", "2"};
+  } else if (phase == "counting") {
+    command = {KVTILE_PROGRAM, "histogram"};
   }
   command.insert(command.end(), {"--budget", "4G", "in.png", "out.png"});
   return command;
@@ -73,7 +75,7 @@ TEST_P(InterruptionTest, StopsWithOneLineAndLeavesNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Phases, InterruptionTest,
-                         testing::Combine(testing::Values("reading", "turning", "toning", "writing"),
+                         testing::Combine(testing::Values("reading", "turning", "toning", "counting", "writing"),
                                           testing::Values(SIGINT, SIGTERM, SIGHUP)),
                          [](const auto& parameter) {
                            const int signal = std::get<1>(parameter.param);

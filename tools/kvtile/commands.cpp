@@ -8,9 +8,11 @@
 #include <cstring>
 #include <optional>
 
+#include "chart.h"
 #include "conversion.h"
 #include "description.h"
 #include "errors.h"
+#include "histogram.h"
 #include "image.h"
 #include "library_messages.h"
 #include "output_file.h"
@@ -86,6 +88,20 @@ Picture inSize(const Picture& picture, const WantedSize& size, const std::string
   return picture.resized(size.width, size.height);
 }
 
+// Throws a Failure for what can be known to fail of every command before the work starts.
+void checkFiles(const Request& request, Reader& reader) {
+  OutputFile::check(request.output, request.input, request.force);
+  reader.checkReadable();
+  if (request.widenTo8Bit) {
+    requireWidenable(request.input, reader.picture());
+  }
+}
+
+// The picture as the image gets it.
+Picture heldPicture(const Request& request, const Picture& stored) {
+  return request.widenTo8Bit ? stored.widenedTo8Bit() : stored;
+}
+
 // What becomes of the stored picture on its way into the output.
 struct Plan {
   Turn turn;
@@ -100,14 +116,10 @@ struct Plan {
 Plan makePlan(const TransformRequest& request, FileFormat format, Reader& reader, const Storage& storage,
               LibraryMessages& messages) {
   const Picture& stored = reader.picture();
-  OutputFile::check(request.output, request.input, request.force);
-  reader.checkReadable();
-  if (request.widenTo8Bit) {
-    requireWidenable(request.input, stored);
-  }
+  checkFiles(request, reader);
   Plan plan;
   plan.turn = Turn::uprightFrom(stored.orientation).then(request.turn);
-  plan.held = request.widenTo8Bit ? stored.widenedTo8Bit() : stored;
+  plan.held = heldPicture(request, stored);
   plan.upright = plan.held.turned(plan.turn);
   requireTurnable(request.input, plan.held.pixels, plan.turn);
   plan.toning.picture = plan.upright;
@@ -150,6 +162,40 @@ void tellOfPlan(const TransformRequest& request, const Plan& plan, Console& cons
   if (plan.delivery.picture.colourKey && widensColourKey(plan.upright, plan.toning)) {
     console.note(request.output + ": other colours became the transparent one, so that more pixels may be transparent");
   }
+}
+
+std::vector<std::uint32_t> chartedChannels(const Request& request, const Picture& held) {
+  std::vector<std::uint32_t> channels = chosenChannels(request.input, held, request.tone);
+  if (channels.size() > kMostCharted) {
+    throw Failure(request.input, "its " + std::to_string(channels.size()) + " channels are too many for one chart",
+                  "choose up to " + std::to_string(kMostCharted) + " of them with --channel");
+  }
+  return channels;
+}
+
+// All of the chart but what has to be counted.
+ChartSubject describeChart(const Request& request, const Picture& held, LibraryMessages& messages) {
+  const Picture upright = held.turned(Turn::uprightFrom(held.orientation));
+  ChartSubject subject;
+  subject.title = system::nameOf(request.input);
+  subject.details = std::to_string(upright.width) + " x " + std::to_string(upright.height) + " pixels, " +
+                    describeSamples(held.pixels) + ", " + describeMeaning(held.photometric, held.extras);
+  if (request.tone.changes()) {
+    subject.curve = ToneCurve::fromSteps(request.tone.steps, toneBits(held), request.input, messages);
+    for (const ToneStep& step : request.tone.steps) {
+      subject.curveText += (subject.curveText.empty() ? "" : ", ") + describeStep(step);
+    }
+  }
+  return subject;
+}
+
+void write(const Chart& chart, Writer& writer) {
+  for (std::uint32_t y = 0; y < chart.picture().height; ++y) {
+    std::vector<std::uint8_t> row = chart.row(y);
+    writer.writeRow(row);
+  }
+  writer.finish();
+  Progress::check();
 }
 
 void tellOfOtherPages(Reader& reader, const std::string& input, Console& console) {
@@ -212,6 +258,37 @@ void transform(const TransformRequest& request, Console& console) {
   console.showNotes();
   if (request.showStats) {
     console.report(statsText(storage, plan.held, turning, std::chrono::steady_clock::now() - start));
+  }
+}
+
+void drawHistogram(const Request& request, Console& console) {
+  const auto start = std::chrono::steady_clock::now();
+  const FileFormat format = requireKnownExtension(request.output);
+  LibraryMessages messages(console);
+  const Storage storage(request.budget, request.placement);
+  std::unique_ptr<Reader> reader = openPicture(request.input, console);
+  checkFiles(request, *reader);
+  const Picture held = heldPicture(request, reader->picture());
+  requireTones(request.input, held);
+  requireMeaning(request.input, held, request.tone);
+  const std::vector<std::uint32_t> channels = chartedChannels(request, held);
+  ChartSubject subject = describeChart(request, held, messages);
+  storage.require(request.input, held, false);
+  tellOfOtherPages(*reader, request.input, console);
+
+  OutputFile output(request.output, request.force);
+  Progress progress(console);
+  Image image(request.input, held, storage, messages);
+  reader->read(image, request.widenTo8Bit, progress);
+  reader.reset();
+  subject.histogram = countTones(image, held, channels, progress);
+  const Chart chart(subject);
+  const auto writer = beginPicture(format, output.file(), request.output, chart.picture(), console);
+  write(chart, *writer);
+  output.commit();
+  console.showNotes();
+  if (request.showStats) {
+    console.report(statsText(storage, held, false, std::chrono::steady_clock::now() - start));
   }
 }
 

@@ -21,6 +21,7 @@ namespace {
 using kvtile::parsePlacement;
 using kvtile::parseSize;
 using kvtile::Placement;
+using kvtile::Request;
 using kvtile::TransformRequest;
 using kvtile::Turn;
 using kvtile::withMinus;
@@ -217,14 +218,30 @@ void addTone(CLI::App& app, Options& options) {
       "or a table of all outputs: 256 bytes, or 65536 little-endian 16-bit numbers for pictures of 16 bits.");
 }
 
+void addHistogram(CLI::App& app, Options& options) {
+  CLI::App* histogram = app.add_subcommand("histogram", "Draw how often each tone occurs in a picture");
+  kvtile::addToneOptions(*histogram, "Count, and change, sample N of each pixel only; may be repeated");
+  addFiles(*histogram, options);
+  addTransformOptions(*histogram, options);
+  histogram->callback([histogram, &options] { options.tone = kvtile::toneRequestOf(*histogram); });
+  histogram->footer(
+      "Examples:\n"
+      "  kvtile histogram scan.tif tones.png\n"
+      "  kvtile histogram --gamma 1.8 --contrast 0.2 scan.tif before-and-after.png\n\n"
+      "OUT becomes a chart; IN stays as it is. With the options of 'kvtile tone' it shows the curve too, and the "
+      "tones\n"
+      "as they would be. Where red, green and blue overlap their light adds up. Alpha is not counted unless --channel\n"
+      "names it. Bars that stand out alone are cut off at the top, which is marked.");
+}
+
 // CLI11's sentence or a better one, and where to read on.
 std::string usageText(const CLI::App& app, const CLI::ParseError& error) {
   std::string text = withMinus(error.what());
   const std::vector<std::string> leftOver = app.remaining();
   const bool noCommand = app.get_subcommands().empty();
   if (noCommand && !leftOver.empty() && leftOver.front()[0] != '-') {
-    text =
-        "'" + withMinus(leftOver.front()) + "' is no command: there are info, convert, rotate, mirror, resize and tone";
+    text = "'" + withMinus(leftOver.front()) +
+           "' is no command: there are info, convert, rotate, mirror, resize, tone and histogram";
   } else if (noCommand && !leftOver.empty()) {
     text = "there is no option " + leftOver.front();
   }
@@ -241,13 +258,11 @@ std::string versionText() {
   return std::string("kvtile " KVTILE_VERSION " (KvTileImage ") + library + ")";
 }
 
-TransformRequest makeRequest(const Options& options, const Turn& turn) {
-  TransformRequest request;
+Request makeRequest(const Options& options) {
+  Request request;
   request.input = withMinus(options.input);
   request.output = withMinus(options.output);
-  request.turn = turn;
   request.tone = options.tone;
-  request.size = {parsePixels(options.width).value_or(0), parsePixels(options.height).value_or(0)};
   request.budget = parseSize(options.budget).value_or(0);
   request.placement = parsePlacement(options.storage).value_or(Placement::Automatic);
   request.force = options.force;
@@ -299,6 +314,7 @@ void describeCommandLine(CLI::App& app, Options& options) {
   addMirror(app, options);
   addResize(app, options);
   addTone(app, options);
+  addHistogram(app, options);
   for (CLI::App* command : app.get_subcommands({})) {
     command->group("Commands");
   }
@@ -308,7 +324,8 @@ void describeCommandLine(CLI::App& app, Options& options) {
       "  kvtile rotate 90 scan.tif upright.tif\n"
       "  kvtile mirror horizontal photo.png mirrored.png\n"
       "  kvtile resize --width 800 scan.tif preview.png\n"
-      "  kvtile tone --gamma 1.8 dark.tif light.tif\n\n"
+      "  kvtile tone --gamma 1.8 dark.tif light.tif\n"
+      "  kvtile histogram photo.png tones.png\n\n"
       "'kvtile COMMAND --help' tells more about a command.");
 }
 
@@ -319,7 +336,7 @@ int runInfo(Options& options, kvtile::Console& console) {
   return kvtile::showInfo(options.files, console) ? kDone : kNotDone;
 }
 
-// The turn that the command stands for; not all have one.
+// The turn that the command stands for, if any.
 Turn turnOf(const std::string& command, const Options& options) {
   if (command == "rotate") {
     return Turn::parseDegrees(withMinus(options.angle)).value_or(Turn());
@@ -328,6 +345,14 @@ Turn turnOf(const std::string& command, const Options& options) {
     return options.direction == "horizontal" ? Turn::leftRightMirror() : Turn::topBottomMirror();
   }
   return Turn();
+}
+
+TransformRequest makeTransform(const std::string& command, const Options& options) {
+  TransformRequest request;
+  static_cast<Request&>(request) = makeRequest(options);
+  request.turn = turnOf(command, options);
+  request.size = {parsePixels(options.width).value_or(0), parsePixels(options.height).value_or(0)};
+  return request;
 }
 
 }  // namespace
@@ -356,7 +381,11 @@ int main(int count, char** values) {
     if (command == "info") {
       return runInfo(options, console);
     }
-    kvtile::transform(makeRequest(options, turnOf(command, options)), console);
+    if (command == "histogram") {
+      kvtile::drawHistogram(makeRequest(options), console);
+    } else {
+      kvtile::transform(makeTransform(command, options), console);
+    }
     return kDone;
   });
 }

@@ -13,10 +13,6 @@ constexpr std::uint32_t kPaletteChannels = 3;
 
 bool hasPalette(const Picture& picture) { return picture.photometric == Photometric::Palette; }
 
-bool countsFromWhite(const Picture& picture, std::uint32_t channel) {
-  return picture.photometric == Photometric::WhiteIsZero && channel < picture.colourSamples();
-}
-
 std::string describeChannels(std::uint32_t count) {
   return count == 1 ? "only channel 0" : "channels 0 to " + std::to_string(count - 1);
 }
@@ -91,6 +87,10 @@ void requireTones(const std::string& input, const Picture& picture) {
 }
 
 std::uint32_t toneBits(const Picture& picture) { return hasPalette(picture) ? 8 : picture.pixels.bits; }
+
+bool countsFromWhite(const Picture& picture, std::uint32_t channel) {
+  return picture.photometric == Photometric::WhiteIsZero && channel < picture.colourSamples();
+}
 
 std::vector<std::uint32_t> chosenChannels(const std::string& input, const Picture& picture,
                                           const ToneRequest& request) {

@@ -19,6 +19,9 @@ void requireTones(const std::string& input, const Picture& picture);
 // The bits of the picture's tones: of its samples, or 8 of a component of its palette's colours.
 std::uint32_t toneBits(const Picture& picture);
 
+// True for samples of grey that counts down from white.
+bool countsFromWhite(const Picture& picture, std::uint32_t channel);
+
 // The channels that the request names, in ascending order, or those that carry colour. Palettes have three: red, green
 // and blue. Throws a Failure that names `input` where the picture does not have one of them.
 std::vector<std::uint32_t> chosenChannels(const std::string& input, const Picture& picture, const ToneRequest& request);
