@@ -2,7 +2,6 @@
 #include <kvtileimage/KvTileImage.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <new>
