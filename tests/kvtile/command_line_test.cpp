@@ -120,6 +120,44 @@ TEST_F(CommandLineTest, RefusesOtherNumbersOfPixels) {
             "kvtile: --width or --height is required; see 'kvtile resize --help'\n");
 }
 
+TEST_F(CommandLineTest, RefusesOtherToneCurves) {
+  const auto refused = [](const char* option, const std::string& value, const char* kind, const char* allowed) {
+    return std::string("kvtile: ") + option + ": '" + value + "' is no " + kind + ": allowed are " + allowed +
+           "; see 'kvtile tone --help'\n";
+  };
+  const auto given = [this](const char* option, const std::string& value) {
+    return wrongUsage({"tone", option, value, "in.png", "out.png"});
+  };
+  for (const std::string value : {"0", "-1", "0.019", "nan", "inf", "1e999", "two", "2,2", "2x", "+2", "--"}) {
+    EXPECT_EQ(given("--gamma", value), refused("--gamma", value, "gamma", "numbers from 0.02 on, such as 2.2"));
+  }
+  for (const std::string value : {"1.01", "-1.01", "-2", "nan", "-inf", "bright", "0x1"}) {
+    EXPECT_EQ(given("--brightness", value),
+              refused("--brightness", value, "brightness", "numbers from -1 to 1, such as 0.25"));
+    EXPECT_EQ(given("--contrast", value),
+              refused("--contrast", value, "contrast", "numbers from -1 to 1, such as 0.25"));
+  }
+  for (const std::string value : {"-1", "65536", "1.5", "1K", "half"}) {
+    EXPECT_EQ(given("--threshold", value),
+              refused("--threshold", value, "threshold", "0 to 255, or 0 to 65535 for 16-bit samples"));
+  }
+  for (const std::string value : {"-1", "65535", "red", "0,1"}) {
+    EXPECT_EQ(wrongUsage({"tone", "--invert", "--channel", value, "in.png", "out.png"}),
+              refused("--channel", value, "channel", "0 to 65534"));
+  }
+  const std::string none =
+      "kvtile: --gamma, --brightness, --contrast, --invert, --threshold or --curve is required; "
+      "see 'kvtile tone --help'\n";
+  EXPECT_EQ(wrongUsage({"tone", "in.png", "out.png"}), none);
+  EXPECT_EQ(wrongUsage({"tone", "--channel", "1", "in.png", "out.png"}), none);
+  EXPECT_THAT(wrongUsage({"tone", "in.png", "out.png", "--gamma"}), HasSubstr("--gamma"));
+  EXPECT_THAT(wrongUsage({"tone", "--invert=false", "in.png", "out.png"}), HasSubstr("invert"));
+  EXPECT_THAT(wrongUsage({"rotate", "90", "--gamma", "2", "in.png", "out.png"}), HasSubstr("--gamma"));
+  EXPECT_EQ(wrongUsage({"histogram", "--gamma", "0", "in.png", "out.png"}),
+            "kvtile: --gamma: '0' is no gamma: allowed are numbers from 0.02 on, such as 2.2; "
+            "see 'kvtile histogram --help'\n");
+}
+
 TEST_F(CommandLineTest, StatsTellOfPlaceMemoryAndTime) {
   const std::string numbers = "peak memory [0-9]+\\.[0-9] MB, [0-9]+\\.[0-9] s\n";
   const auto line = [this](std::vector<std::string> command) {
@@ -133,6 +171,8 @@ TEST_F(CommandLineTest, StatsTellOfPlaceMemoryAndTime) {
   const std::string copy = "its turned copy in memory, ";
   EXPECT_THAT(line({"convert"}), MatchesRegex(image + numbers));
   EXPECT_THAT(line({"resize", "--width", "5"}), MatchesRegex(image + numbers));
+  EXPECT_THAT(line({"tone", "--gamma", "2"}), MatchesRegex(image + numbers));
+  EXPECT_THAT(line({"histogram"}), MatchesRegex(image + numbers));
   EXPECT_THAT(line({"rotate", "360"}), MatchesRegex(image + numbers));
   EXPECT_THAT(line({"rotate", "90"}), MatchesRegex(image + copy + numbers));
   EXPECT_THAT(line({"mirror", "vertical", "--quiet"}), MatchesRegex(image + copy + numbers));
@@ -182,11 +222,12 @@ TEST_F(CommandLineTest, HelpNamesEveryOptionAndGivesExamples) {
   const Result all = sandbox_.kvtile({"--help"});
   EXPECT_EQ(all.status, 0);
   EXPECT_EQ(all.err, "");
-  for (const char* word : {"info", "convert", "rotate", "mirror", "resize", "--budget", "--storage", "--stats",
-                           "--verbose", "--quiet", "--force", "--to-8bit", "--version", "Examples:"}) {
+  for (const char* word :
+       {"info", "convert", "rotate", "mirror", "resize", "tone", "histogram", "--budget", "--storage", "--stats",
+        "--verbose", "--quiet", "--force", "--to-8bit", "--version", "Examples:"}) {
     EXPECT_THAT(all.out, HasSubstr(word));
   }
-  for (const char* command : {"convert", "rotate", "mirror", "resize"}) {
+  for (const char* command : {"convert", "rotate", "mirror", "resize", "tone", "histogram"}) {
     const Result one = sandbox_.kvtile({command, "--help"});
     EXPECT_EQ(one.status, 0);
     for (const char* word : {"--budget", "--storage", "--stats", "--force", "--to-8bit", "Examples:", "IN", "OUT"}) {
@@ -195,6 +236,14 @@ TEST_F(CommandLineTest, HelpNamesEveryOptionAndGivesExamples) {
   }
   const std::string resize = sandbox_.kvtile({"resize", "--help"}).out;
   EXPECT_THAT(resize, AllOf(HasSubstr("--width N"), HasSubstr("--height N"), HasSubstr("The resolution (dpi) stays")));
+  const std::string tone = sandbox_.kvtile({"tone", "--help"}).out;
+  const std::string histogram = sandbox_.kvtile({"histogram", "--help"}).out;
+  for (const char* word :
+       {"--gamma G", "--brightness B", "--contrast C", "--invert", "--threshold T", "--curve FILE", "--channel N"}) {
+    EXPECT_THAT(tone, HasSubstr(word));
+    EXPECT_THAT(histogram, HasSubstr(word));
+  }
+  EXPECT_THAT(tone, AllOf(HasSubstr("in the order in which they stand"), HasSubstr("control points")));
   EXPECT_THAT(sandbox_.kvtile({"info", "--help"}).out, HasSubstr("kvtile info scan.tif"));
 }
 

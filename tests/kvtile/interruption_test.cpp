@@ -1,4 +1,4 @@
-// Requests to stop while the program reads, turns and writes.
+// Requests to stop while the program reads, turns, tones, counts and writes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -27,11 +27,22 @@ struct Attempt {
   std::vector<std::string> screen;
 };
 
-// Starts a rotation of in.png and sends `signal` once the terminal shows `phase`.
+// A command that has a phase of this name.
+std::vector<std::string> commandWith(const std::string& phase) {
+  std::vector<std::string> command = {KVTILE_PROGRAM, "rotate", "90"};
+  if (phase == "toning") {
+    command = {KVTILE_PROGRAM, "tone", "--gamma", "2"};
+  } else if (phase == "counting") {
+    command = {KVTILE_PROGRAM, "histogram"};
+  }
+  command.insert(command.end(), {"--budget", "4G", "in.png", "out.png"});
+  return command;
+}
+
+// Starts work on in.png and sends `signal` once the terminal shows `phase`.
 Attempt stopDuring(const Sandbox& sandbox, const std::string& phase, int signal) {
   Terminal terminal;
-  Process process({KVTILE_PROGRAM, "rotate", "90", "--budget", "4G", "in.png", "out.png"}, sandbox.folder(),
-                  terminal.slave());
+  Process process(commandWith(phase), sandbox.folder(), terminal.slave());
   EXPECT_TRUE(terminal.waitFor(phase));
   process.send(signal);
   Attempt attempt;
@@ -64,7 +75,7 @@ TEST_P(InterruptionTest, StopsWithOneLineAndLeavesNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Phases, InterruptionTest,
-                         testing::Combine(testing::Values("reading", "turning", "writing"),
+                         testing::Combine(testing::Values("reading", "turning", "toning", "counting", "writing"),
                                           testing::Values(SIGINT, SIGTERM, SIGHUP)),
                          [](const auto& parameter) {
                            const int signal = std::get<1>(parameter.param);

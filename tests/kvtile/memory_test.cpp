@@ -77,6 +77,8 @@ TEST_F(MemoryTest, EveryLayoutTakesTheImagesAndLittleElse) {
   writeTiff("one-strip.tif", 0xffffffff, false);
   expectImages(1, {"convert", "--force", "one-strip.tif", "out.tif"});
   expectImages(2, {"rotate", "90", "--budget", "2G", "--force", "one-strip.tif", "out.tif"});
+  expectImages(1, {"tone", "--gamma", "2", "--force", "one-strip.tif", "out.tif"});
+  expectImages(1, {"histogram", "--gamma", "2", "--force", "one-strip.tif", "out.tif"});
   writeTiff("two-strips.tif", kHeight / 2, true);
   expectImages(1, {"convert", "--force", "two-strips.tif", "out.tif"});
   writeTiles("tiles.tif");

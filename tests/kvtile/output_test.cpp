@@ -127,7 +127,7 @@ TEST_F(OutputTest, LongNamesGetATemporaryNameThatFits) {
 TEST_F(OutputTest, RefusesInputsThatAreNoPictureFiles) {
   const std::pair<const char*, const char*> cases[] = {
       {"missing.png", "there is no such file; check the name"},
-      {".", "is a folder; name a PNG or TIFF file"},
+      {".", "is a folder; name a file in it"},
       {"/dev/null", "is not an ordinary file; copy its contents to a file first"},
       {"empty.png", "is empty; name a PNG or TIFF file"},
       {"text.png", "is neither a PNG nor a TIFF file; convert it to one of these first"},

@@ -18,6 +18,7 @@
 #include "samples.h"
 #include "support/raster.h"
 #include "system.h"
+#include "text.h"
 #include "tiff_writer.h"
 #include "turn.h"
 
@@ -367,6 +368,24 @@ TEST(ProgressLineTest, FitsItsColumns) {
   for (int columns = 0; columns < 80; ++columns) {
     EXPECT_LE(kvtile::progressLine("reading", 3, 10, columns).size(), static_cast<std::size_t>(columns));
   }
+}
+
+TEST(TextTest, KnowsTextFromOtherBytes) {
+  for (const std::string text : {"", "0 1\r\n\t# a", "\xc3\xbc", "\xe2\x82\xac", "\xf0\x9f\x98\x80"}) {
+    EXPECT_TRUE(kvtile::isText(text)) << text;
+  }
+  // Controls, bytes that begin nothing, characters cut off, spelled too long, halves of pairs, beyond the last one.
+  for (const std::string& bytes :
+       {std::string(1, '\0'), std::string("\x1b"), std::string("\x7f"), std::string("\x80"), std::string("\xff"),
+        std::string("a\xc3"), std::string("\xe2\x82 "), std::string("\xc0\x80"), std::string("\xe0\x80\x80"),
+        std::string("\xed\xa0\x80"), std::string("\xf0\x80\x80\x80"), std::string("\xf4\x90\x80\x80")}) {
+    EXPECT_FALSE(kvtile::isText(bytes)) << testing::PrintToString(bytes);
+  }
+}
+
+TEST(TextTest, MakesNamesReadable) {
+  EXPECT_EQ(kvtile::asUtf8("scan 1.tif"), "scan 1.tif");
+  EXPECT_EQ(kvtile::asUtf8("\xc3\xbc\n\xff\xe2\x82x"), "\xc3\xbc????x");
 }
 
 }  // namespace

@@ -8,9 +8,11 @@
 #include <cstring>
 #include <optional>
 
+#include "chart.h"
 #include "conversion.h"
 #include "description.h"
 #include "errors.h"
+#include "histogram.h"
 #include "image.h"
 #include "library_messages.h"
 #include "output_file.h"
@@ -18,6 +20,7 @@
 #include "reader.h"
 #include "sampling.h"
 #include "system.h"
+#include "toning.h"
 #include "writer.h"
 
 namespace kvtile {
@@ -85,29 +88,45 @@ Picture inSize(const Picture& picture, const WantedSize& size, const std::string
   return picture.resized(size.width, size.height);
 }
 
+// Throws a Failure for what can be known to fail of every command before the work starts.
+void checkFiles(const Request& request, Reader& reader) {
+  OutputFile::check(request.output, request.input, request.force);
+  reader.checkReadable();
+  if (request.widenTo8Bit) {
+    requireWidenable(request.input, reader.picture());
+  }
+}
+
+// The picture as the image gets it.
+Picture heldPicture(const Request& request, const Picture& stored) {
+  return request.widenTo8Bit ? stored.widenedTo8Bit() : stored;
+}
+
 // What becomes of the stored picture on its way into the output.
 struct Plan {
   Turn turn;
   Picture held;     // as the image gets it
   Picture upright;  // turned
+  Toning toning;    // nothing to do if no tones change
   Picture result;   // in the size that is wanted
   Delivery delivery;
 };
 
 // Throws a Failure for all that can be known to fail before the work starts.
-Plan makePlan(const TransformRequest& request, FileFormat format, Reader& reader, const Storage& storage) {
+Plan makePlan(const TransformRequest& request, FileFormat format, Reader& reader, const Storage& storage,
+              LibraryMessages& messages) {
   const Picture& stored = reader.picture();
-  OutputFile::check(request.output, request.input, request.force);
-  reader.checkReadable();
-  if (request.widenTo8Bit) {
-    requireWidenable(request.input, stored);
-  }
+  checkFiles(request, reader);
   Plan plan;
   plan.turn = Turn::uprightFrom(stored.orientation).then(request.turn);
-  plan.held = request.widenTo8Bit ? stored.widenedTo8Bit() : stored;
+  plan.held = heldPicture(request, stored);
   plan.upright = plan.held.turned(plan.turn);
   requireTurnable(request.input, plan.held.pixels, plan.turn);
-  plan.result = inSize(plan.upright, request.size, request.output);
+  plan.toning.picture = plan.upright;
+  if (request.tone.changes()) {
+    plan.toning = planToning(request.input, plan.upright, request.tone, messages);
+  }
+  plan.result = inSize(plan.toning.picture, request.size, request.output);
   plan.delivery = planDelivery(plan.result, format, request.output);
   storage.require(request.input, plan.held, !plan.turn.isIdentity());
   return plan;
@@ -128,6 +147,52 @@ void write(Image& image, const Picture& result, const Delivery& delivery, Writer
     std::copy(converted.begin(), converted.end(), row.begin());
     writer.writeRow(row);
     progress.advance();
+  }
+  writer.finish();
+  Progress::check();
+}
+
+void tellOfPlan(const TransformRequest& request, const Plan& plan, Console& console) {
+  for (const std::string& note : plan.toning.notes) {
+    console.note(request.input + ": " + note);
+  }
+  for (const std::string& note : plan.delivery.notes) {
+    console.note(request.output + ": " + note);
+  }
+  if (plan.delivery.picture.colourKey && widensColourKey(plan.upright, plan.toning)) {
+    console.note(request.output + ": other colours became the transparent one, so that more pixels may be transparent");
+  }
+}
+
+std::vector<std::uint32_t> chartedChannels(const Request& request, const Picture& held) {
+  std::vector<std::uint32_t> channels = chosenChannels(request.input, held, request.tone);
+  if (channels.size() > kMostCharted) {
+    throw Failure(request.input, "its " + std::to_string(channels.size()) + " channels are too many for one chart",
+                  "choose up to " + std::to_string(kMostCharted) + " of them with --channel");
+  }
+  return channels;
+}
+
+// All of the chart but what has to be counted.
+ChartSubject describeChart(const Request& request, const Picture& held, LibraryMessages& messages) {
+  const Picture upright = held.turned(Turn::uprightFrom(held.orientation));
+  ChartSubject subject;
+  subject.title = system::nameOf(request.input);
+  subject.details = std::to_string(upright.width) + " x " + std::to_string(upright.height) + " pixels, " +
+                    describeSamples(held.pixels) + ", " + describeMeaning(held.photometric, held.extras);
+  if (request.tone.changes()) {
+    subject.curve = ToneCurve::fromSteps(request.tone.steps, toneBits(held), request.input, messages);
+    for (const ToneStep& step : request.tone.steps) {
+      subject.curveText += (subject.curveText.empty() ? "" : ", ") + describeStep(step);
+    }
+  }
+  return subject;
+}
+
+void write(const Chart& chart, Writer& writer) {
+  for (std::uint32_t y = 0; y < chart.picture().height; ++y) {
+    std::vector<std::uint8_t> row = chart.row(y);
+    writer.writeRow(row);
   }
   writer.finish();
   Progress::check();
@@ -171,12 +236,10 @@ void transform(const TransformRequest& request, Console& console) {
   LibraryMessages messages(console);
   const Storage storage(request.budget, request.placement);
   std::unique_ptr<Reader> reader = openPicture(request.input, console);
-  const Plan plan = makePlan(request, format, *reader, storage);
+  const Plan plan = makePlan(request, format, *reader, storage, messages);
   const bool turning = !plan.turn.isIdentity();
   tellOfOtherPages(*reader, request.input, console);
-  for (const std::string& note : plan.delivery.notes) {
-    console.note(request.output + ": " + note);
-  }
+  tellOfPlan(request, plan, console);
 
   OutputFile output(request.output, request.force);
   Progress progress(console);
@@ -186,12 +249,46 @@ void transform(const TransformRequest& request, Console& console) {
   if (turning) {
     image.turn(plan.turn, plan.upright, progress);
   }
+  if (!plan.toning.curves.empty()) {
+    image.adjust(plan.toning.curves, progress);
+  }
   const auto writer = beginPicture(format, output.file(), request.output, plan.delivery.picture, console);
   write(image, plan.result, plan.delivery, *writer, progress);
   output.commit();
   console.showNotes();
   if (request.showStats) {
     console.report(statsText(storage, plan.held, turning, std::chrono::steady_clock::now() - start));
+  }
+}
+
+void drawHistogram(const Request& request, Console& console) {
+  const auto start = std::chrono::steady_clock::now();
+  const FileFormat format = requireKnownExtension(request.output);
+  LibraryMessages messages(console);
+  const Storage storage(request.budget, request.placement);
+  std::unique_ptr<Reader> reader = openPicture(request.input, console);
+  checkFiles(request, *reader);
+  const Picture held = heldPicture(request, reader->picture());
+  requireTones(request.input, held);
+  requireMeaning(request.input, held, request.tone);
+  const std::vector<std::uint32_t> channels = chartedChannels(request, held);
+  ChartSubject subject = describeChart(request, held, messages);
+  storage.require(request.input, held, false);
+  tellOfOtherPages(*reader, request.input, console);
+
+  OutputFile output(request.output, request.force);
+  Progress progress(console);
+  Image image(request.input, held, storage, messages);
+  reader->read(image, request.widenTo8Bit, progress);
+  reader.reset();
+  subject.histogram = countTones(image, held, channels, progress);
+  const Chart chart(subject);
+  const auto writer = beginPicture(format, output.file(), request.output, chart.picture(), console);
+  write(chart, *writer);
+  output.commit();
+  console.showNotes();
+  if (request.showStats) {
+    console.report(statsText(storage, held, false, std::chrono::steady_clock::now() - start));
   }
 }
 

@@ -1,7 +1,5 @@
 #include "conversion.h"
 
-#include <algorithm>
-
 #include "description.h"
 #include "errors.h"
 #include "samples.h"
@@ -10,7 +8,6 @@ namespace kvtile {
 namespace {
 
 constexpr std::uint32_t kLargestPngSide = 0x7fffffff;
-constexpr std::uint16_t kComponentScale = 257;  // 8 to 16 bits
 
 const char* const kWriteTiff = "write a .tif instead";
 
@@ -52,20 +49,6 @@ void requireSamplesForPng(const Picture& held, const std::string& path) {
   }
 }
 
-// Palettes of TIFF files hold 16 bits a component; some programs store 8-bit values there.
-void spreadNarrowPalette(Palette& palette) {
-  const bool narrow = std::all_of(palette.entries.begin(), palette.entries.end(), [](const PaletteEntry& entry) {
-    return entry.red < 256 && entry.green < 256 && entry.blue < 256;
-  });
-  if (narrow) {
-    for (PaletteEntry& entry : palette.entries) {
-      entry.red = static_cast<std::uint16_t>(entry.red * kComponentScale);
-      entry.green = static_cast<std::uint16_t>(entry.green * kComponentScale);
-      entry.blue = static_cast<std::uint16_t>(entry.blue * kComponentScale);
-    }
-  }
-}
-
 void planAlphaForPng(Delivery& delivery) {
   Picture& picture = delivery.picture;
   const bool hasAlpha = picture.pixels.samples > picture.colourSamples();
@@ -95,7 +78,7 @@ Delivery planPng(const Picture& held, const std::string& path) {
     picture.photometric = Photometric::BlackIsZero;
   }
   if (held.tiff && held.photometric == Photometric::Palette) {
-    spreadNarrowPalette(picture.palette);
+    picture.palette = picture.palette.spread();
   }
   if (picture.resolution) {
     picture.resolution = picture.resolution->forPng();

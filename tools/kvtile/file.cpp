@@ -29,7 +29,7 @@ File File::openForReading(const std::string& path) {
     case system::FileKind::Missing:
       failToOpen(path, error);
     case system::FileKind::Folder:
-      throw Failure(path, "is a folder", "name a PNG or TIFF file");
+      throw Failure(path, "is a folder", "name a file in it");
     case system::FileKind::Other:
       throw Failure(path, "is not an ordinary file", "copy its contents to a file first");
     case system::FileKind::Regular:

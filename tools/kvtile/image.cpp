@@ -13,10 +13,10 @@ constexpr std::uint64_t kSmallestBudget = 64 * kMebibyte;  // the library's
 constexpr std::uint64_t kSmallImageBits = 8192;            // kept in memory nearly always
 
 // The callback of the library has no place for a pointer of the caller's.
-thread_local Progress* turningProgress = nullptr;
+thread_local Progress* rowProgress = nullptr;
 
 // Throws Interrupted, which the library takes as the wish to stop.
-void onRowTurned(std::uint32_t, std::uint32_t) { turningProgress->advance(); }
+void onRowDone(std::uint32_t, std::uint32_t) { rowProgress->advance(); }
 
 std::uint64_t roundUp(std::uint64_t value, std::uint64_t multiple) {
   return (value / multiple + (value % multiple != 0 ? 1 : 0)) * multiple;
@@ -42,6 +42,23 @@ std::string roomAdvice(bool inMemory, std::uint64_t budgetForMemory) {
     return "close other programs, or run again with --storage file";
   }
   return "see to that folder, or run again with --storage memory --budget " + budgetText(budgetForMemory);
+}
+
+// The library's map of the tables; null if there is no memory.
+TableMapHandle makeMap(const ChannelCurves& curves) {
+  TableMapHandle map(KvTileImage_CreateLookupTableMap(curves.begin()->second->bits()));
+  const ToneCurve* last = nullptr;
+  TableHandle table;
+  for (const auto& [channel, curve] : curves) {
+    if (curve.get() != last) {
+      table = curve->table();
+      last = curve.get();
+    }
+    if (!KvTileImage_InsertLookupTable(map.get(), table.get(), channel)) {
+      return nullptr;
+    }
+  }
+  return map;
 }
 
 }  // namespace
@@ -131,10 +148,9 @@ void Image::setRow(std::uint32_t y, std::uint32_t x1, std::uint32_t x2, std::spa
 void Image::turn(const Turn& turn, const Picture& upright, Progress& progress) {
   messages_.forget();
   progress.begin("turning", height());
-  turningProgress = &progress;
-  TileImageHandle* turned =
-      KvTileImage_RotateAndMirror(handle_.get(), turn.rotation(), turn.mirror(), true, onRowTurned);
-  turningProgress = nullptr;
+  rowProgress = &progress;
+  TileImageHandle* turned = KvTileImage_RotateAndMirror(handle_.get(), turn.rotation(), turn.mirror(), true, onRowDone);
+  rowProgress = nullptr;
   if (turned == nullptr) {
     if (system::stopRequested()) {
       throw Interrupted();
@@ -143,6 +159,24 @@ void Image::turn(const Turn& turn, const Picture& upright, Progress& progress) {
   }
   handle_.reset(turned);
   setResolution(upright);
+}
+
+void Image::adjust(const ChannelCurves& curves, Progress& progress) {
+  messages_.forget();
+  const TableMapHandle map = makeMap(curves);
+  if (map == nullptr) {
+    fail("the tone curve cannot be made", "close other programs");
+  }
+  progress.begin("toning", height());
+  rowProgress = &progress;
+  const bool adjusted = KvTileImage_AdjustCurveOfSomeChannels(handle_.get(), map.get(), onRowDone);
+  rowProgress = nullptr;
+  if (!adjusted) {
+    if (system::stopRequested()) {
+      throw Interrupted();
+    }
+    fail("the tone curve cannot be applied", "see --verbose for more");
+  }
 }
 
 void Image::setResolution(const Picture& picture) {

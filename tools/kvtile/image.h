@@ -5,16 +5,22 @@
 #include <kvtileimage/KvTileImage.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 
+#include "handles.h"
 #include "library_messages.h"
 #include "picture.h"
 #include "progress.h"
+#include "tone.h"
 
 namespace kvtile {
+
+// Which curve changes which sample of a pixel. Samples share curves.
+using ChannelCurves = std::map<std::uint32_t, std::shared_ptr<const ToneCurve>>;
 
 // Where the user wants the images to be kept.
 enum class Placement { Automatic, Memory, Files };
@@ -77,18 +83,17 @@ class Image {
   // Puts the turned image in the place of this one; `upright` describes it. Both exist while it works.
   void turn(const Turn& turn, const Picture& upright, Progress& progress);
 
- private:
-  struct Unload {
-    void operator()(TileImageHandle* image) const noexcept { KvTileImage_Unload(image); }
-  };
+  // Changes the samples that have a curve, in a single pass. At least one; all for the image's depth.
+  void adjust(const ChannelCurves& curves, Progress& progress);
 
+ private:
   void setResolution(const Picture& picture);
   [[noreturn]] void fail(const std::string& what, const std::string& advice) const;
 
   std::string file_;
   std::string adviceForTurned_;
   LibraryMessages& messages_;
-  std::unique_ptr<TileImageHandle, Unload> handle_;
+  ImageHandle handle_;
 };
 
 }  // namespace kvtile

@@ -2,7 +2,6 @@
 #include <kvtileimage/KvTileImage.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <new>
@@ -10,15 +9,21 @@
 #include <string>
 #include <vector>
 
+#include "arguments.h"
 #include "commands.h"
 #include "errors.h"
 #include "system.h"
+#include "tone_options.h"
 
 namespace {
 
+using kvtile::parsePlacement;
+using kvtile::parseSize;
 using kvtile::Placement;
+using kvtile::Request;
 using kvtile::TransformRequest;
 using kvtile::Turn;
+using kvtile::withMinus;
 
 constexpr int kDone = 0;
 constexpr int kNotDone = 1;
@@ -28,8 +33,11 @@ constexpr int kWrongUsage = 2;
 constexpr char kTurnedStorage[] =
     "\n\n--storage file is for the picture as it is read: its turned copy follows the budget.";
 
-// Stands in for the minus of arguments such as -90, which would otherwise be taken for options.
-constexpr char kMinus = '\x01';
+// A side of a picture; nothing for other texts and for more than a picture can have.
+std::optional<std::uint32_t> parsePixels(const std::string& text) {
+  const auto pixels = kvtile::parseWhole(text, UINT32_MAX);
+  return pixels && *pixels > 0 ? pixels : std::nullopt;
+}
 
 struct Options {
   std::string angle;
@@ -41,72 +49,13 @@ struct Options {
   std::string input;
   std::string output;
   std::vector<std::string> files;
+  kvtile::ToneRequest tone;
   bool force = false;
   bool widenTo8Bit = false;
   bool verbose = false;
   bool quiet = false;
   bool stats = false;
 };
-
-std::string withMinus(std::string text) {
-  std::replace(text.begin(), text.end(), kMinus, '-');
-  return text;
-}
-
-// The arguments in the order that CLI11 wants, last one first. No option starts with a digit.
-std::vector<std::string> collectArguments(int count, char** values) {
-  std::vector<std::string> arguments;
-  for (int i = count - 1; i > 0; --i) {
-    std::string argument = values[i];
-    if (argument.size() > 1 && argument[0] == '-' && std::isdigit(static_cast<unsigned char>(argument[1])) != 0) {
-      argument[0] = kMinus;
-    }
-    arguments.push_back(argument);
-  }
-  return arguments;
-}
-
-// "64M": bytes, or K, M, G or T of 1024 each; nothing for other texts and for sizes beyond 64 bits.
-std::optional<std::uint64_t> parseSize(const std::string& text) {
-  constexpr const char* kSuffixes = "KMGT";
-  const std::size_t digits = text.find_first_not_of("0123456789");
-  std::uint64_t value = 0;
-  for (const char digit : text.substr(0, digits)) {
-    if (value > (UINT64_MAX - 9) / 10) {
-      return std::nullopt;
-    }
-    value = value * 10 + static_cast<std::uint64_t>(digit - '0');
-  }
-  if (digits == std::string::npos) {
-    return text.empty() ? std::nullopt : std::optional(value);
-  }
-  const auto* suffix =
-      std::find(kSuffixes, kSuffixes + 4, static_cast<char>(std::toupper(static_cast<unsigned char>(text[digits]))));
-  const auto shift = 10 * (suffix - kSuffixes + 1);
-  if (digits == 0 || digits + 1 != text.size() || suffix == kSuffixes + 4 || value > (UINT64_MAX >> shift)) {
-    return std::nullopt;
-  }
-  return value << shift;
-}
-
-// "1200": a side in pixels, 1 or more; nothing for other texts and for more than a picture can have.
-std::optional<std::uint32_t> parsePixels(const std::string& text) {
-  const bool digitsOnly = text.find_first_not_of("0123456789") == std::string::npos;
-  const auto pixels = digitsOnly ? parseSize(text) : std::nullopt;
-  return pixels && *pixels > 0 && *pixels <= UINT32_MAX ? std::optional(static_cast<std::uint32_t>(*pixels))
-                                                        : std::nullopt;
-}
-
-// Nothing for other texts.
-std::optional<Placement> parsePlacement(const std::string& text) {
-  if (text == "auto") {
-    return Placement::Automatic;
-  }
-  if (text == "memory") {
-    return Placement::Memory;
-  }
-  return text == "file" ? std::optional(Placement::Files) : std::nullopt;
-}
 
 std::string checkAngle(std::string& text) {
   if (Turn::parseDegrees(withMinus(text))) {
@@ -241,13 +190,57 @@ void addResize(CLI::App& app, Options& options) {
       "that the picture is printed larger or smaller.");
 }
 
+void addTone(CLI::App& app, Options& options) {
+  CLI::App* tone = app.add_subcommand("tone", "Change how bright tones are, by curves");
+  kvtile::addToneOptions(*tone, "Change sample N of each pixel only, the first is 0; may be repeated");
+  addFiles(*tone, options);
+  addTransformOptions(*tone, options);
+  tone->callback([tone, &options] {
+    options.tone = kvtile::toneRequestOf(*tone);
+    if (!options.tone.changes()) {
+      throw CLI::RequiredError("--gamma, --brightness, --contrast, --invert, --threshold or --curve");
+    }
+  });
+  tone->footer(
+      "Examples:\n"
+      "  kvtile tone --gamma 1.8 --contrast 0.2 dark.tif light.tif\n"
+      "  kvtile tone --brightness -0.2 --channel 2 photo.png less-blue.png\n"
+      "  kvtile tone --curve points.txt scan.tif better.tif\n\n"
+      "Curves are applied in the order in which they stand here, and any of them may be repeated. Contrast,\n"
+      "brightness, gamma and inversion that follow each other in this order are calculated together and rounded once.\n"
+      "Without --channel all samples that carry colour change and alpha does not. Pictures with a palette get other\n"
+      "colours in it: channels 0, 1 and 2 are red, green and blue. Of separated inks the amounts change.\n\n"
+      "A file for --curve holds control points, one in a line, as fractions of the highest value:\n"
+      "  0    0      # black stays\n"
+      "  0.3  0.5    # input and output; straight lines lie between the points\n"
+      "  1    1\n"
+      "or a table of all outputs: 256 bytes, or 65536 little-endian 16-bit numbers for pictures of 16 bits.");
+}
+
+void addHistogram(CLI::App& app, Options& options) {
+  CLI::App* histogram = app.add_subcommand("histogram", "Draw how often each tone occurs in a picture");
+  kvtile::addToneOptions(*histogram, "Count, and change, sample N of each pixel only; may be repeated");
+  addFiles(*histogram, options);
+  addTransformOptions(*histogram, options);
+  histogram->callback([histogram, &options] { options.tone = kvtile::toneRequestOf(*histogram); });
+  histogram->footer(
+      "Examples:\n"
+      "  kvtile histogram scan.tif tones.png\n"
+      "  kvtile histogram --gamma 1.8 --contrast 0.2 scan.tif before-and-after.png\n\n"
+      "OUT becomes a chart; IN stays as it is. With the options of 'kvtile tone' it shows the curve too, and the "
+      "tones\n"
+      "as they would be. Where red, green and blue overlap their light adds up. Alpha is not counted unless --channel\n"
+      "names it. Bars that stand out alone are cut off at the top, which is marked.");
+}
+
 // CLI11's sentence or a better one, and where to read on.
 std::string usageText(const CLI::App& app, const CLI::ParseError& error) {
   std::string text = withMinus(error.what());
   const std::vector<std::string> leftOver = app.remaining();
   const bool noCommand = app.get_subcommands().empty();
   if (noCommand && !leftOver.empty() && leftOver.front()[0] != '-') {
-    text = "'" + withMinus(leftOver.front()) + "' is no command: there are info, convert, rotate, mirror and resize";
+    text = "'" + withMinus(leftOver.front()) +
+           "' is no command: there are info, convert, rotate, mirror, resize, tone and histogram";
   } else if (noCommand && !leftOver.empty()) {
     text = "there is no option " + leftOver.front();
   }
@@ -264,12 +257,11 @@ std::string versionText() {
   return std::string("kvtile " KVTILE_VERSION " (KvTileImage ") + library + ")";
 }
 
-TransformRequest makeRequest(const Options& options, const Turn& turn) {
-  TransformRequest request;
+Request makeRequest(const Options& options) {
+  Request request;
   request.input = withMinus(options.input);
   request.output = withMinus(options.output);
-  request.turn = turn;
-  request.size = {parsePixels(options.width).value_or(0), parsePixels(options.height).value_or(0)};
+  request.tone = options.tone;
   request.budget = parseSize(options.budget).value_or(0);
   request.placement = parsePlacement(options.storage).value_or(Placement::Automatic);
   request.force = options.force;
@@ -320,6 +312,8 @@ void describeCommandLine(CLI::App& app, Options& options) {
   addRotate(app, options);
   addMirror(app, options);
   addResize(app, options);
+  addTone(app, options);
+  addHistogram(app, options);
   for (CLI::App* command : app.get_subcommands({})) {
     command->group("Commands");
   }
@@ -328,7 +322,9 @@ void describeCommandLine(CLI::App& app, Options& options) {
       "  kvtile info scan.tif\n"
       "  kvtile rotate 90 scan.tif upright.tif\n"
       "  kvtile mirror horizontal photo.png mirrored.png\n"
-      "  kvtile resize --width 800 scan.tif preview.png\n\n"
+      "  kvtile resize --width 800 scan.tif preview.png\n"
+      "  kvtile tone --gamma 1.8 dark.tif light.tif\n"
+      "  kvtile histogram photo.png tones.png\n\n"
       "'kvtile COMMAND --help' tells more about a command.");
 }
 
@@ -339,7 +335,7 @@ int runInfo(Options& options, kvtile::Console& console) {
   return kvtile::showInfo(options.files, console) ? kDone : kNotDone;
 }
 
-// The turn that the command stands for; convert and resize have none.
+// The turn that the command stands for, if any.
 Turn turnOf(const std::string& command, const Options& options) {
   if (command == "rotate") {
     return Turn::parseDegrees(withMinus(options.angle)).value_or(Turn());
@@ -350,18 +346,26 @@ Turn turnOf(const std::string& command, const Options& options) {
   return Turn();
 }
 
+TransformRequest makeTransform(const std::string& command, const Options& options) {
+  TransformRequest request;
+  static_cast<Request&>(request) = makeRequest(options);
+  request.turn = turnOf(command, options);
+  request.size = {parsePixels(options.width).value_or(0), parsePixels(options.height).value_or(0)};
+  return request;
+}
+
 }  // namespace
 
 int main(int count, char** values) {
   Options options;
-  CLI::App app("Turns, mirrors, resizes and converts large PNG and TIFF pictures.", "kvtile");
+  CLI::App app("Turns, mirrors, resizes, tones and converts large PNG and TIFF pictures.", "kvtile");
   describeCommandLine(app, options);
   if (count <= 1) {
     std::fputs(app.help().c_str(), stderr);
     return kWrongUsage;
   }
   try {
-    app.parse(collectArguments(count, values));
+    app.parse(kvtile::collectArguments(count, values));
   } catch (const CLI::Success& success) {
     return app.exit(success);
   } catch (const CLI::ParseError& error) {
@@ -376,7 +380,11 @@ int main(int count, char** values) {
     if (command == "info") {
       return runInfo(options, console);
     }
-    kvtile::transform(makeRequest(options, turnOf(command, options)), console);
+    if (command == "histogram") {
+      kvtile::drawHistogram(makeRequest(options), console);
+    } else {
+      kvtile::transform(makeTransform(command, options), console);
+    }
     return kDone;
   });
 }

@@ -73,6 +73,19 @@ Resolution Resolution::forTiff() const {
   return {x / 100, y / 100, ResolutionUnit::Centimetre};
 }
 
+Palette Palette::spread() const {
+  const bool narrow = std::all_of(entries.begin(), entries.end(), [](const PaletteEntry& entry) {
+    return entry.red < 256 && entry.green < 256 && entry.blue < 256;
+  });
+  Palette result = *this;
+  if (narrow) {
+    for (PaletteEntry& entry : result.entries) {
+      entry = {wideComponent(entry.red), wideComponent(entry.green), wideComponent(entry.blue)};
+    }
+  }
+  return result;
+}
+
 std::uint64_t Picture::rowBytes() const { return (width * pixels.bitsPerPixel() + 7) / 8; }
 
 std::uint32_t Picture::colourSamples() const {

@@ -54,6 +54,9 @@ struct Palette {
   std::vector<PaletteEntry> entries;  // 16 bits a component
   std::vector<std::uint8_t> alpha;    // for the first entries; the others are opaque
   bool operator==(const Palette&) const = default;
+
+  // Some programs store components of 8 bits in TIFF files: the palette with these spread to 16, others as they are.
+  Palette spread() const;
 };
 
 enum class ResolutionUnit { None, Inch, Centimetre, Metre };
@@ -130,6 +133,12 @@ struct Picture {
 
 // width * height * bitsPerPixel, nothing if that does not fit 64 bits.
 std::optional<std::uint64_t> pixelBits(std::uint32_t width, std::uint32_t height, std::uint64_t bitsPerPixel);
+
+// A component of a palette's colour in 8 bits, rounded, and back.
+constexpr std::uint8_t narrowComponent(std::uint16_t component) {
+  return static_cast<std::uint8_t>((component * 255U + 32767) / 65535);
+}
+constexpr std::uint16_t wideComponent(std::uint32_t byte) { return static_cast<std::uint16_t>(byte * 257); }
 
 // What the highest value of a sample of `bits` (1, 2 or 4) bits is multiplied by to become 255.
 std::uint32_t widenedScale(std::uint32_t bits);

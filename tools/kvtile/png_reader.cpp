@@ -18,7 +18,6 @@ constexpr std::uint64_t kLargestExpansion = 1040;
 constexpr std::uint64_t kSignatureBytes = 8;
 constexpr std::uint64_t kChunkFrameBytes = 12;  // length, type and checksum
 constexpr int kPasses = 7;                      // of an interlaced file
-constexpr std::uint16_t kComponentScale = 257;  // 8 to 16 bits
 
 // Four letters of a chunk's name against its bytes.
 bool isChunk(const std::uint8_t* type, const char* name) { return std::memcmp(type, name, 4) == 0; }
@@ -106,9 +105,8 @@ void PngReader::readPaletteAndKey() {
   int count = 0;
   if (palette && png_get_PLTE(png, info, &colours, &count) != 0) {
     for (int i = 0; i < count; ++i) {
-      picture_.palette.entries.push_back({static_cast<std::uint16_t>(colours[i].red * kComponentScale),
-                                          static_cast<std::uint16_t>(colours[i].green * kComponentScale),
-                                          static_cast<std::uint16_t>(colours[i].blue * kComponentScale)});
+      picture_.palette.entries.push_back(
+          {wideComponent(colours[i].red), wideComponent(colours[i].green), wideComponent(colours[i].blue)});
     }
   }
   png_bytep alpha = nullptr;

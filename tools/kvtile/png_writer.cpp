@@ -16,8 +16,6 @@ int colourType(const Picture& picture) {
   return colour | (picture.extras.empty() ? 0 : PNG_COLOR_MASK_ALPHA);
 }
 
-png_byte highByte(std::uint16_t component) { return static_cast<png_byte>((component * 255U + 32767) / 65535); }
-
 }  // namespace
 
 PngWriter::PngWriter(File& file, const std::string& path, const Picture& picture, Console& console)
@@ -62,7 +60,7 @@ void PngWriter::setPalette(const Picture& picture) {
   std::vector<png_color> colours;
   for (std::size_t i = 0; i < count; ++i) {
     const PaletteEntry& entry = picture.palette.entries[i];
-    colours.push_back({highByte(entry.red), highByte(entry.green), highByte(entry.blue)});
+    colours.push_back({narrowComponent(entry.red), narrowComponent(entry.green), narrowComponent(entry.blue)});
   }
   const std::vector<std::uint8_t>& alpha = picture.palette.alpha;
   const int alphaCount = static_cast<int>(std::min(alpha.size(), count));

@@ -9,7 +9,7 @@ namespace kvtile {
 namespace {
 
 constexpr std::chrono::milliseconds kRefresh(80);
-constexpr std::size_t kPhaseColumns = 8;  // the longest phase is "reading"
+constexpr std::size_t kPhaseColumns = 8;  // "reading" and a blank
 constexpr int kWidestBar = 40;
 
 }  // namespace
@@ -50,7 +50,7 @@ std::string progressLine(const std::string& phase, std::uint64_t done, std::uint
   std::string percent = std::to_string(static_cast<int>(part * 100)) + "%";
   percent.insert(0, 4 - percent.size(), ' ');
   std::string line = phase;
-  line.resize(std::max(line.size(), kPhaseColumns), ' ');
+  line.resize(std::max(line.size() + 1, kPhaseColumns), ' ');
   const int bar = std::min(kWidestBar, columns - static_cast<int>(line.size() + percent.size()) - 3);
   if (bar > 3) {
     const auto filled = static_cast<std::size_t>(part * bar);

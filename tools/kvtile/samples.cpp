@@ -46,8 +46,6 @@ void unpremultiplyAs(std::span<std::uint8_t> row, std::uint32_t samples, std::si
   }
 }
 
-std::uint8_t highByte(std::uint16_t component) { return static_cast<std::uint8_t>((component * 255U + 32767) / 65535); }
-
 }  // namespace
 
 void widen(std::span<const std::uint8_t> packed, std::uint32_t bits, std::uint32_t scale, std::size_t count,
@@ -101,7 +99,7 @@ void expandPalette(std::span<const std::uint8_t> indices, std::uint32_t bits, co
   for (std::size_t i = 0; i < std::min(palette.entries.size(), table.size()); ++i) {
     const PaletteEntry& entry = palette.entries[i];
     const std::uint8_t alpha = i < palette.alpha.size() ? palette.alpha[i] : std::uint8_t{255};
-    table[i] = {highByte(entry.red), highByte(entry.green), highByte(entry.blue), alpha};
+    table[i] = {narrowComponent(entry.red), narrowComponent(entry.green), narrowComponent(entry.blue), alpha};
   }
   for (std::size_t pixel = 0; pixel < pixels; ++pixel) {
     const std::uint32_t index = bits == 8 ? indices[pixel] : packedSample(indices, pixel, bits);
