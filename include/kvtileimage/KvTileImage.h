@@ -235,8 +235,9 @@ KVTILEIMAGE_API uint64_t KvTileImage_ComputeScaledPixelCount(uint64_t count, dou
  * Below, i is the sample, M its highest value, 255 or 65535, and `middle` 128 or 32768. Results are computed in double
  * precision, cut to 0 .. M and rounded half up. */
 
-/* M * (i / M)^(1 / gamma): above 1 brightens, below 1 darkens, black and white stay. `gamma` must be above 0; not a
- * number is accepted and makes a table of zeros. */
+/* M * (i / M)^(1 / gamma), computed as i^(1 / gamma) * (M^(-1 / gamma) * M): above 1 brightens, below 1 darkens, black
+ * and white stay. `gamma` must be above 0. Below about 0.015 (8 bits: 0.0075) the powers leave the range of double
+ * precision and white becomes 0 as well; infinity makes everything M, and not a number, which is accepted, 0. */
 KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable_Gamma(uint32_t bitsPerSample,
                                                                        double gamma) KVTILEIMAGE_NOEXCEPT;
 KVTILEIMAGE_API LookupTableHandle* KvTileImage_CreateLookupTable8_Gamma(double gamma) KVTILEIMAGE_NOEXCEPT;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <initializer_list>
 #include <string>
 
 #include "support/moves.h"
@@ -117,7 +118,30 @@ TEST_F(CommandLineTest, RefusesOtherNumbersOfPixels) {
     EXPECT_THAT(wrongUsage({"rotate", "90", side, "5", "in.png", "out.png"}), HasSubstr(side));
   }
   EXPECT_EQ(wrongUsage({"resize", "in.png", "out.png"}),
-            "kvtile: --width or --height is required; see 'kvtile resize --help'\n");
+            "kvtile: --width, --height, --scale or --crop is required; see 'kvtile resize --help'\n");
+}
+
+TEST_F(CommandLineTest, RefusesOtherScalesPartsFiltersAndThreads) {
+  const auto refuses = [this](const char* option, std::initializer_list<std::string> values, const char* rest) {
+    for (const std::string& value : values) {
+      const std::string said =
+          std::string("kvtile: ") + option + ": '" + value + "' is no " + rest + "; see 'kvtile resize --help'\n";
+      EXPECT_EQ(wrongUsage({"resize", "--width", "5", option, value, "in.png", "out.png"}), said);
+    }
+  };
+  refuses("--scale", {"0", "-1", "-0.5", "nan", "inf", "1e999", "50%", "1/2", "x"},
+          "scale: allowed are numbers above 0, such as 0.5");
+  refuses("--crop",
+          {"1", "1,2,3", "1,2,3,4,5", "1,2,3,", ",2,3,4", "1,2,0,4", "1,2,3,0", "-1,2,3,4", "1.5,2,3,4", "1, 2, 3, 4",
+           "1,2,3,4294967296"},
+          "area: allowed are left, top, width and height in pixels, such as 0,0,800,600");
+  refuses("--filter", {"lanczos", "Box", "0", "nearest"},
+          "filter: allowed are box, bicubic, bilinear, bspline, catmull-rom and lanczos3");
+  refuses("--threads", {"0", "257", "-2", "two", "1.5"}, "number of threads: allowed are 1 to 256");
+  EXPECT_EQ(wrongUsage({"resize", "--width", "5", "--scale", "2", "in.png", "out.png"}),
+            "kvtile: --scale excludes --width; see 'kvtile resize --help'\n");
+  EXPECT_EQ(wrongUsage({"resize", "--scale", "2", "--height", "5", "in.png", "out.png"}),
+            "kvtile: --scale excludes --height; see 'kvtile resize --help'\n");
 }
 
 TEST_F(CommandLineTest, RefusesOtherToneCurves) {
@@ -235,7 +259,11 @@ TEST_F(CommandLineTest, HelpNamesEveryOptionAndGivesExamples) {
     }
   }
   const std::string resize = sandbox_.kvtile({"resize", "--help"}).out;
-  EXPECT_THAT(resize, AllOf(HasSubstr("--width N"), HasSubstr("--height N"), HasSubstr("The resolution (dpi) stays")));
+  for (const char* word :
+       {"--width N", "--height N", "--scale F", "--crop X,Y,W,H", "--filter NAME", "--threads N",
+        "lanczos3 (as without it), catmull-rom, bicubic, bilinear, bspline or box", "resolution (dpi) stays"}) {
+    EXPECT_THAT(resize, HasSubstr(word));
+  }
   const std::string tone = sandbox_.kvtile({"tone", "--help"}).out;
   const std::string histogram = sandbox_.kvtile({"histogram", "--help"}).out;
   for (const char* word :

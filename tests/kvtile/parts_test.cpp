@@ -124,7 +124,7 @@ TEST(SamplesTest, PaletteNumbersBeyondTheEndAreOpaqueBlack) {
   palette.alpha = {9};
   const std::uint8_t indices[] = {0x01};
   std::array<std::uint8_t, 8> rgba = {};
-  kvtile::expandPalette(indices, 4, palette, 2, rgba);
+  kvtile::expandPalette(indices, 4, palette, 2, 4, rgba);
   EXPECT_THAT(rgba, testing::ElementsAre(255, 128, 0, 9, 0, 0, 0, 255));
 }
 

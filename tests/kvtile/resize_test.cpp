@@ -1,13 +1,17 @@
-// Pictures in other sizes, against plain arrays.
+// Pictures in other sizes, sample by sample against the sum that defines them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
+#include <initializer_list>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "sampling.h"
+#include "../support/rescale_model.h"
+#include "resizing.h"
 #include "support/pngs.h"
 #include "support/sandbox.h"
 #include "support/tiffs.h"
@@ -24,63 +28,60 @@ using support::Tiff;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-// The source pixel that the middle of pixel `index` of `results` falls into: the last one that begins at or before it.
-std::uint32_t under(std::uint32_t index, std::uint32_t sources, std::uint32_t results) {
-  std::uint32_t source = 0;
-  while (std::uint64_t{source + 1} * 2 * results <= (std::uint64_t{index} * 2 + 1) * sources) {
-    ++source;
+constexpr std::uint32_t kBox = 0;
+constexpr std::uint32_t kLanczos3 = 5;
+constexpr const char* kFilterNames[] = {"box", "bicubic", "bilinear", "bspline", "catmull-rom", "lanczos3"};
+
+// ---- The model
+
+template <typename Sample>
+Raster resizedAs(const Raster& raster, std::uint32_t width, std::uint32_t height, std::uint32_t filter) {
+  support::SamplesModel<Sample> model{raster.width, raster.height, raster.samples, {}};
+  for (const std::uint64_t value : raster.values) {
+    Sample sample;
+    std::memcpy(&sample, &value, sizeof(Sample));
+    model.samples.push_back(sample);
   }
-  return source;
+  Raster result(width, height, raster.samples, raster.bits);
+  auto place = result.values.begin();
+  for (std::uint32_t y = 0; y < height; ++y) {
+    const double scaleX = static_cast<double>(width) / raster.width;
+    const double scaleY = static_cast<double>(height) / raster.height;
+    for (const Sample sample :
+         support::rescaledRowModel(model, 0, 0, raster.width, raster.height, scaleX, scaleY, width, y, filter)) {
+      std::memcpy(&*place++, &sample, sizeof(Sample));
+    }
+  }
+  return result;
 }
 
-Raster resized(const Raster& raster, std::uint32_t width, std::uint32_t height) {
+// Of unsigned samples.
+Raster resized(const Raster& raster, std::uint32_t width, std::uint32_t height, std::uint32_t filter = kLanczos3) {
+  switch (raster.bits) {
+    case 8:
+      return resizedAs<std::uint8_t>(raster, width, height, filter);
+    case 16:
+      return resizedAs<std::uint16_t>(raster, width, height, filter);
+    case 32:
+      return resizedAs<std::uint32_t>(raster, width, height, filter);
+    default:
+      return resizedAs<std::uint64_t>(raster, width, height, filter);
+  }
+}
+
+Raster cropped(const Raster& raster, std::uint32_t x, std::uint32_t y, std::uint32_t width, std::uint32_t height) {
   Raster result(width, height, raster.samples, raster.bits);
-  for (std::uint32_t y = 0; y < height; ++y) {
-    for (std::uint32_t x = 0; x < width; ++x) {
+  for (std::uint32_t row = 0; row < height; ++row) {
+    for (std::uint32_t column = 0; column < width; ++column) {
       for (std::uint32_t sample = 0; sample < raster.samples; ++sample) {
-        result.at(x, y, sample) = raster.at(under(x, raster.width, width), under(y, raster.height, height), sample);
+        result.at(column, row, sample) = raster.at(x + column, y + row, sample);
       }
     }
   }
   return result;
 }
 
-std::vector<std::uint32_t> positions(std::uint32_t sources, std::uint32_t results) {
-  kvtile::SampledPositions walk(sources, results);
-  std::vector<std::uint32_t> found;
-  for (std::uint32_t i = 0; i < results; ++i) {
-    found.push_back(walk.position());
-    walk.advance();
-  }
-  return found;
-}
-
-// ---- Places and lengths
-
-TEST(SampledPositionsTest, AreTheOnesUnderTheMiddles) {
-  EXPECT_THAT(positions(5, 3), ElementsAre(0, 2, 4));
-  EXPECT_THAT(positions(3, 5), ElementsAre(0, 0, 1, 2, 2));
-  EXPECT_THAT(positions(4, 2), ElementsAre(1, 3));
-  EXPECT_THAT(positions(2, 4), ElementsAre(0, 0, 1, 1));
-  EXPECT_THAT(positions(4, 1), ElementsAre(2));
-  EXPECT_THAT(positions(1, 3), ElementsAre(0, 0, 0));
-  EXPECT_THAT(positions(4, 4), ElementsAre(0, 1, 2, 3));
-  for (std::uint32_t sources = 1; sources <= 40; ++sources) {
-    for (std::uint32_t results = 1; results <= 40; ++results) {
-      const std::vector<std::uint32_t> found = positions(sources, results);
-      for (std::uint32_t i = 0; i < results; ++i) {
-        ASSERT_EQ(found[i], under(i, sources, results)) << i << " of " << results << " from " << sources;
-      }
-    }
-  }
-}
-
-TEST(SampledPositionsTest, DoNotOverflow) {
-  // A sixth, a half and five sixths of 4294967295.
-  EXPECT_THAT(positions(0xffffffff, 3), ElementsAre(715827882, 2147483647, 3579139412));
-  // The last of many: a half before the end.
-  EXPECT_EQ(positions(0xffffffff, 1000).back(), 4292819811U);
-}
+// ---- Lengths
 
 TEST(ProportionalLengthTest, IsRoundedToNearest) {
   EXPECT_EQ(kvtile::proportionalLength(872, 1000, 16000), 13952U);
@@ -94,7 +95,7 @@ TEST(ProportionalLengthTest, IsRoundedToNearest) {
   EXPECT_EQ(kvtile::proportionalLength(3, 0xffffffff, 2147483648), 2U);
 }
 
-// ---- Pixels
+// ---- Samples
 
 struct Size {
   std::uint32_t width;
@@ -105,28 +106,47 @@ struct Size {
 constexpr std::uint32_t kWidth = 37;
 constexpr std::uint32_t kHeight = 23;
 
-// Larger, smaller, both at once, the same, and the least.
-constexpr Size kSizes[] = {{91, 50}, {11, 7}, {100, 9}, {13, 60}, {74, 46}, {kWidth, kHeight}, {kWidth, 5}, {1, 1}};
+// Larger, smaller, both at once, and the least.
+constexpr Size kSizes[] = {{91, 50}, {11, 7}, {100, 9}, {1, 1}};
 
 std::vector<std::string> resizeCommand(const Size& size, const std::string& in, const std::string& out) {
   return {"resize", "--width", std::to_string(size.width), "--height", std::to_string(size.height), "--force", in, out};
 }
 
-TEST(ResizeTest, EveryTiffFormatIsSampled) {
-  const Sandbox sandbox;
-  const std::pair<std::uint32_t, std::uint32_t> formats[] = {
-      {1, 1}, {1, 2}, {1, 4},  {1, 8}, {1, 16}, {1, 24}, {1, 32}, {1, 64}, {2, 4}, {2, 8}, {3, 1},  {3, 2},
-      {3, 4}, {3, 8}, {3, 16}, {4, 2}, {4, 8},  {4, 16}, {5, 1},  {7, 16}, {8, 1}, {9, 1}, {3, 64}, {12, 8}};
+class ResizeTest : public testing::Test {
+ protected:
+  // What the program says, which has to succeed.
+  std::string run(const std::vector<std::string>& command) const {
+    const Result result = sandbox_.kvtile(command);
+    EXPECT_EQ(result.status, 0) << result.err;
+    return result.err;
+  }
+
+  // What the program says, which has to fail and to leave the input alone.
+  std::string refusal(const std::vector<std::string>& options, const char* in, const char* out) const {
+    std::vector<std::string> command = {"resize", in, out};
+    command.insert(command.end(), options.begin(), options.end());
+    const Result result = sandbox_.kvtile(command);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(sandbox_.names(), ElementsAre(in));
+    return result.err;
+  }
+
+  std::string path(const std::string& name) const { return sandbox_.path(name); }
+
+  Sandbox sandbox_;
+};
+
+TEST_F(ResizeTest, EveryTiffFormatIsTheDirectSum) {
+  const std::pair<std::uint32_t, std::uint32_t> formats[] = {{1, 8},  {2, 8},  {3, 8},  {4, 8},  {5, 8}, {12, 8},
+                                                             {1, 16}, {3, 16}, {7, 16}, {1, 32}, {3, 64}};
   for (const auto& [samples, bits] : formats) {
     const Tiff source = support::tiffOf(pattern(kWidth, kHeight, samples, bits));
-    support::writeTiff(sandbox.path("in.tif"), source);
+    support::writeTiff(path("in.tif"), source);
     for (const Size& size : kSizes) {
-      SCOPED_TRACE(std::to_string(samples) + " x " + std::to_string(bits) + " to " + std::to_string(size.width) +
-                   " x " + std::to_string(size.height));
-      const Result result = sandbox.kvtile(resizeCommand(size, "in.tif", "out.tif"));
-      ASSERT_EQ(result.status, 0) << result.err;
-      EXPECT_EQ(result.err, "");
-      const Tiff made = support::readTiff(sandbox.path("out.tif"));
+      SCOPED_TRACE(testing::Message() << samples << " x " << bits << " to " << size.width << " x " << size.height);
+      EXPECT_EQ(run(resizeCommand(size, "in.tif", "out.tif")), "");
+      const Tiff made = support::readTiff(path("out.tif"));
       EXPECT_EQ(difference(resized(source.raster, size.width, size.height), made.raster), "");
       EXPECT_EQ(made.photometric, source.photometric);
       EXPECT_EQ(made.extras, source.extras);
@@ -134,164 +154,300 @@ TEST(ResizeTest, EveryTiffFormatIsSampled) {
   }
 }
 
-TEST(ResizeTest, FloatingPointSamplesStayWhatTheyAre) {
-  const Sandbox sandbox;
-  for (const std::uint32_t bits : {32U, 64U}) {
-    Tiff source = support::tiffOf(support::floatPattern(kWidth, kHeight, 3, bits));
-    source.sampleFormat = SAMPLEFORMAT_IEEEFP;
-    support::writeTiff(sandbox.path("in.tif"), source);
-    const Result result = sandbox.kvtile(resizeCommand({50, 30}, "in.tif", "out.tif"));
-    ASSERT_EQ(result.status, 0) << result.err;
-    const Tiff made = support::readTiff(sandbox.path("out.tif"));
-    EXPECT_EQ(difference(resized(source.raster, 50, 30), made.raster), "");
-    EXPECT_EQ(made.sampleFormat, SAMPLEFORMAT_IEEEFP);
-  }
+TEST_F(ResizeTest, SignedAndFloatingPointSamplesAreNumbers) {
+  Tiff source = support::tiffOf(pattern(kWidth, kHeight, 3, 16));
+  source.sampleFormat = SAMPLEFORMAT_INT;
+  support::writeTiff(path("in.tif"), source);
+  run(resizeCommand({50, 30}, "in.tif", "out.tif"));
+  Tiff made = support::readTiff(path("out.tif"));
+  EXPECT_EQ(difference(resizedAs<std::int16_t>(source.raster, 50, 30, kLanczos3), made.raster), "");
+  EXPECT_EQ(made.sampleFormat, SAMPLEFORMAT_INT);
+
+  source = support::tiffOf(support::floatPattern(kWidth, kHeight, 3, 32));
+  source.sampleFormat = SAMPLEFORMAT_IEEEFP;
+  support::writeTiff(path("in.tif"), source);
+  run(resizeCommand({50, 30}, "in.tif", "out.tif"));
+  made = support::readTiff(path("out.tif"));
+  EXPECT_EQ(difference(resizedAs<float>(source.raster, 50, 30, kLanczos3), made.raster), "");
+  EXPECT_EQ(made.sampleFormat, SAMPLEFORMAT_IEEEFP);
+
+  source.raster = support::floatPattern(kWidth, kHeight, 2, 64);
+  source = support::tiffOf(source.raster);
+  source.sampleFormat = SAMPLEFORMAT_IEEEFP;
+  support::writeTiff(path("in.tif"), source);
+  run(resizeCommand({50, 30}, "in.tif", "out.tif"));
+  made = support::readTiff(path("out.tif"));
+  EXPECT_EQ(difference(resizedAs<double>(source.raster, 50, 30, kLanczos3), made.raster), "");
+  EXPECT_EQ(made.sampleFormat, SAMPLEFORMAT_IEEEFP);
 }
 
-TEST(ResizeTest, EveryPngFormatIsSampled) {
-  const Sandbox sandbox;
-  std::vector<Png> sources;
-  for (const std::uint32_t bits : {1U, 2U, 4U, 8U, 16U}) {
-    sources.push_back(support::pngOf(pattern(kWidth, kHeight, 1, bits)));
-  }
-  for (const std::uint32_t samples : {2U, 3U, 4U}) {
-    sources.push_back(support::pngOf(pattern(kWidth, kHeight, samples, samples == 3 ? 16 : 8)));
-  }
-  for (const std::uint32_t bits : {1U, 2U, 4U, 8U}) {
-    sources.push_back(support::palettePng(pattern(kWidth, kHeight, 1, bits)));
-    sources.back().paletteAlpha = {7, 77};
-    sources.back().interlaced = true;
-  }
-  for (const Png& source : sources) {
-    support::writePng(sandbox.path("in.png"), source);
-    for (const Size& size : kSizes) {
-      SCOPED_TRACE(std::to_string(source.raster.samples) + " x " + std::to_string(source.raster.bits) + " type " +
-                   std::to_string(source.colourType) + " to " + std::to_string(size.width));
-      const Result result = sandbox.kvtile(resizeCommand(size, "in.png", "out.png"));
-      ASSERT_EQ(result.status, 0) << result.err;
-      const Png made = support::readPng(sandbox.path("out.png"));
-      EXPECT_EQ(difference(resized(source.raster, size.width, size.height), made.raster), "");
-      EXPECT_EQ(made.palette, source.palette);
-      EXPECT_EQ(made.paletteAlpha, source.paletteAlpha);
+TEST_F(ResizeTest, EachFilterIsItsOwn) {
+  const Raster source = pattern(kWidth, kHeight, 3, 8);
+  support::writePng(path("in.png"), support::pngOf(source));
+  for (std::uint32_t filter = 0; filter < 6; ++filter) {
+    for (const Size& size : {Size{60, 40}, Size{20, 9}}) {
+      auto command = resizeCommand(size, "in.png", "out.png");
+      command.insert(command.end(), {"--filter", kFilterNames[filter]});
+      EXPECT_EQ(run(command), "");
+      EXPECT_EQ(difference(resized(source, size.width, size.height, filter), support::readPng(path("out.png")).raster),
+                "")
+          << kFilterNames[filter];
     }
   }
 }
 
-TEST(ResizeTest, WideningComesFirst) {
-  const Sandbox sandbox;
+TEST_F(ResizeTest, PngGreyAlphaAndDeepSamples) {
+  for (const auto& [samples, bits] : {std::pair{1U, 8U}, {1U, 16U}, {2U, 8U}, {3U, 16U}, {4U, 8U}, {4U, 16U}}) {
+    const Png source = support::pngOf(pattern(kWidth, kHeight, samples, bits));
+    support::writePng(path("in.png"), source);
+    EXPECT_EQ(run(resizeCommand({50, 30}, "in.png", "out.png")), "");
+    EXPECT_EQ(difference(resized(source.raster, 50, 30), support::readPng(path("out.png")).raster), "");
+  }
+}
+
+TEST_F(ResizeTest, WideningComesFirst) {
   const Tiff source = support::tiffOf(pattern(kWidth, kHeight, 3, 2));
-  support::writeTiff(sandbox.path("in.tif"), source);
-  const Result result = sandbox.kvtile({"resize", "--to-8bit", "--width", "80", "in.tif", "out.png"});
-  ASSERT_EQ(result.status, 0) << result.err;
+  support::writeTiff(path("in.tif"), source);
+  run({"resize", "--to-8bit", "--width", "80", "in.tif", "out.png"});
   // 23 * 80 / 37 = 49.7
-  EXPECT_EQ(difference(resized(support::widened(source.raster, 85), 80, 50),
-                       support::readPng(sandbox.path("out.png")).raster),
+  EXPECT_EQ(difference(resized(support::widened(source.raster, 85), 80, 50), support::readPng(path("out.png")).raster),
             "");
 }
 
-// What is made of a row for the file is made of it once, however often it is repeated.
-TEST(ResizeTest, RepeatedRowsAreConvertedOnce) {
-  const Sandbox sandbox;
+TEST_F(ResizeTest, WhatTheFormatWantsComesLast) {
   Tiff white = support::tiffOf(pattern(kWidth, kHeight, 1, 8));
   white.photometric = PHOTOMETRIC_MINISWHITE;
-  support::writeTiff(sandbox.path("in.tif"), white);
-  ASSERT_EQ(sandbox.kvtile(resizeCommand({50, 115}, "in.tif", "out.png")).status, 0);
+  support::writeTiff(path("in.tif"), white);
+  run(resizeCommand({50, 115}, "in.tif", "out.png"));
   Raster expected = resized(white.raster, 50, 115);
   for (auto& value : expected.values) {
     value = 255 - value;
   }
-  EXPECT_EQ(difference(expected, support::readPng(sandbox.path("out.png")).raster), "");
+  EXPECT_EQ(difference(expected, support::readPng(path("out.png")).raster), "");
 
   // The horizontal predictor works on the rows that libtiff is given.
   Tiff predicted = support::tiffOf(pattern(kWidth, kHeight, 3, 16));
   predicted.compression = COMPRESSION_LZW;
   predicted.predictor = PREDICTOR_HORIZONTAL;
-  support::writeTiff(sandbox.path("in.tif"), predicted);
-  ASSERT_EQ(sandbox.kvtile(resizeCommand({50, 115}, "in.tif", "out.tif")).status, 0);
-  const Tiff made = support::readTiff(sandbox.path("out.tif"));
+  support::writeTiff(path("in.tif"), predicted);
+  run(resizeCommand({50, 115}, "in.tif", "out.tif"));
+  const Tiff made = support::readTiff(path("out.tif"));
   EXPECT_EQ(made.predictor, PREDICTOR_HORIZONTAL);
   EXPECT_EQ(difference(resized(predicted.raster, 50, 115), made.raster), "");
 }
 
-TEST(ResizeTest, PalettesWithTransparencyBecomeColoursInTiff) {
-  const Sandbox sandbox;
-  Png source = support::palettePng(pattern(kWidth, kHeight, 1, 2));
-  source.paletteAlpha = {7, 77};
-  support::writePng(sandbox.path("in.png"), source);
-  ASSERT_EQ(sandbox.kvtile(resizeCommand({50, 60}, "in.png", "out.tif")).status, 0);
-  const Raster indices = resized(source.raster, 50, 60);
-  Raster expected(50, 60, 4, 8);
-  for (std::uint32_t y = 0; y < 60; ++y) {
-    for (std::uint32_t x = 0; x < 50; ++x) {
-      const std::size_t index = indices.at(x, y, 0);
-      for (std::uint32_t sample = 0; sample < 3; ++sample) {
-        expected.at(x, y, sample) = source.palette[index][sample];
-      }
-      expected.at(x, y, 3) = index < source.paletteAlpha.size() ? source.paletteAlpha[index] : 255;
+// ---- Palettes
+
+// The colours of an indexed picture, with alpha if there are 4 samples.
+Raster colours(const Png& picture, std::uint32_t samples) {
+  const Raster& indices = picture.raster;
+  Raster result(indices.width, indices.height, samples, 8);
+  for (std::size_t i = 0; i < indices.values.size(); ++i) {
+    const std::size_t index = indices.values[i];
+    for (std::uint32_t sample = 0; sample < 3; ++sample) {
+      result.values[i * samples + sample] = picture.palette[index][sample];
+    }
+    if (samples == 4) {
+      result.values[i * samples + 3] = index < picture.paletteAlpha.size() ? picture.paletteAlpha[index] : 255;
     }
   }
-  EXPECT_EQ(difference(expected, support::readTiff(sandbox.path("out.tif")).raster), "");
+  return result;
 }
 
-// ---- Sizes and what goes with them
-
-TEST(ResizeTest, TheOtherSideFollows) {
-  const Sandbox sandbox;
-  const Raster source = pattern(40, 30, 3, 8);
-  support::writePng(sandbox.path("in.png"), support::pngOf(source));
-  const auto made = [&sandbox](const char* side, const char* pixels) {
-    EXPECT_EQ(sandbox.kvtile({"resize", side, pixels, "--force", "in.png", "out.png"}).status, 0);
-    return support::readPng(sandbox.path("out.png")).raster;
-  };
-  EXPECT_EQ(difference(resized(source, 20, 15), made("--width", "20")), "");
-  EXPECT_EQ(difference(resized(source, 80, 60), made("--height", "60")), "");
-  EXPECT_EQ(difference(resized(source, 6, 5), made("--width", "6")), "") << "4.5 is rounded up";
-  EXPECT_EQ(difference(resized(source, 1, 1), made("--height", "1")), "");
+TEST_F(ResizeTest, PalettesBecomeColours) {
+  for (const std::uint32_t bits : {1U, 2U, 4U, 8U}) {
+    Png source = support::palettePng(pattern(kWidth, kHeight, 1, bits));
+    for (const std::uint32_t samples : {3U, 4U}) {
+      source.paletteAlpha = samples == 4 ? std::vector<std::uint8_t>{7, 77} : std::vector<std::uint8_t>{};
+      support::writePng(path("in.png"), source);
+      for (const char* out : {"out.png", "out.tif"}) {
+        EXPECT_EQ(run(resizeCommand({50, 60}, "in.png", out)), "");
+        const Raster made =
+            out == std::string("out.png") ? support::readPng(path(out)).raster : support::readTiff(path(out)).raster;
+        EXPECT_EQ(difference(resized(colours(source, samples), 50, 60), made), "") << bits << ", " << samples;
+      }
+    }
+  }
 }
 
-TEST(ResizeTest, ThePictureIsUprightFirst) {
-  const Sandbox sandbox;
+TEST_F(ResizeTest, NarrowPalettesOfTiffsAreSpread) {
+  Tiff source = support::tiffOf(pattern(kWidth, kHeight, 1, 4));
+  source.photometric = PHOTOMETRIC_PALETTE;
+  support::ColourMap map;
+  Png same = support::palettePng(source.raster);
+  for (const auto& colour : same.palette) {
+    map.red.push_back(colour[0]);
+    map.green.push_back(colour[1]);
+    map.blue.push_back(colour[2]);
+  }
+  source.colourMap = map;
+  support::writeTiff(path("in.tif"), source);
+  run(resizeCommand({50, 60}, "in.tif", "out.tif"));
+  EXPECT_EQ(difference(resized(colours(same, 3), 50, 60), support::readTiff(path("out.tif")).raster), "");
+}
+
+TEST_F(ResizeTest, TransparentColoursAreNotBlendedAndTheUserIsTold) {
+  Png source = support::pngOf(pattern(kWidth, kHeight, 1, 8));
+  source.colourKey = {{9, 9, 9}};
+  support::writePng(path("in.png"), source);
+  EXPECT_EQ(run(resizeCommand({50, 60}, "in.png", "out.png")),
+            "kvtile: out.png: only pixels that have the transparent colour exactly are transparent\n");
+  EXPECT_EQ(support::readPng(path("out.png")).colourKey, source.colourKey);
+}
+
+// ---- Parts
+
+TEST_F(ResizeTest, PartsOfEveryFormatAreCopied) {
+  const std::pair<std::uint32_t, std::uint32_t> formats[] = {{1, 1}, {1, 2}, {1, 4},  {3, 4},  {1, 8},
+                                                             {3, 8}, {9, 1}, {1, 24}, {4, 16}, {2, 64}};
+  for (const auto& [samples, bits] : formats) {
+    const Tiff source = support::tiffOf(pattern(kWidth, kHeight, samples, bits));
+    support::writeTiff(path("in.tif"), source);
+    EXPECT_EQ(run({"resize", "--crop", "3,5,20,11", "--force", "in.tif", "out.tif"}), "");
+    EXPECT_EQ(difference(cropped(source.raster, 3, 5, 20, 11), support::readTiff(path("out.tif")).raster), "")
+        << samples << " x " << bits;
+  }
+  Png indices = support::palettePng(pattern(kWidth, kHeight, 1, 4));
+  support::writePng(path("in.png"), indices);
+  run({"resize", "--crop", "36,22,1,1", "in.png", "out.png"});
+  const Png made = support::readPng(path("out.png"));
+  EXPECT_EQ(difference(cropped(indices.raster, 36, 22, 1, 1), made.raster), "");
+  EXPECT_EQ(made.palette, indices.palette);
+}
+
+// Nothing from beyond the part is blended in.
+TEST_F(ResizeTest, PartsAreResizedByThemselves) {
+  const Raster source = pattern(kWidth, kHeight, 3, 8);
+  support::writePng(path("in.png"), support::pngOf(source));
+  run({"resize", "--crop", "3,5,20,11", "--scale", "2", "in.png", "out.png"});
+  EXPECT_EQ(difference(resized(cropped(source, 3, 5, 20, 11), 40, 22), support::readPng(path("out.png")).raster), "");
+}
+
+TEST_F(ResizeTest, PartsAreThoseOfTheUprightPicture) {
   const Raster upright = pattern(40, 30, 1, 8);
   for (std::uint16_t orientation = 1; orientation <= 8; ++orientation) {
     Tiff source = support::tiffOf(storedAs(upright, orientation));
     source.orientation = orientation;
-    support::writeTiff(sandbox.path("in.tif"), source);
-    ASSERT_EQ(sandbox.kvtile({"resize", "--width", "60", "--force", "in.tif", "out.tif"}).status, 0);
-    const Tiff made = support::readTiff(sandbox.path("out.tif"));
-    EXPECT_EQ(difference(resized(upright, 60, 45), made.raster), "") << orientation;
+    support::writeTiff(path("in.tif"), source);
+    run({"resize", "--crop", "10,2,20,25", "--width", "30", "--force", "in.tif", "out.tif"});
+    const Tiff made = support::readTiff(path("out.tif"));
+    // 25 * 30 / 20 = 37.5
+    EXPECT_EQ(difference(resized(cropped(upright, 10, 2, 20, 25), 30, 38), made.raster), "") << orientation;
     EXPECT_EQ(made.orientation.value_or(1), 1);
   }
 }
 
-TEST(ResizeTest, TheResolutionStays) {
-  const Sandbox sandbox;
+// ---- Threads and places
+
+TEST_F(ResizeTest, AnyNumberOfThreadsMakesTheSame) {
+  // Rows of 150,000 bytes: bands of 27 rows, more of them than most threads.
+  const Tiff source = support::tiffOf(pattern(50, 20, 3, 8));
+  support::writeTiff(path("in.tif"), source);
+  const std::vector<std::string> command = {"resize",   "--width",  "50000",   "--height", "150",
+                                            "--filter", "bilinear", "--force", "in.tif",   "out.tif"};
+  const auto made = [&](std::initializer_list<std::string> options) {
+    std::vector<std::string> words = command;
+    words.insert(words.end(), options);
+    run(words);
+    return sandbox_.read("out.tif");
+  };
+  const std::string one = made({"--threads", "1", "--storage", "memory"});
+  EXPECT_EQ(difference(resized(source.raster, 50000, 150, 2), support::readTiff(path("out.tif")).raster), "");
+  for (const char* threads : {"2", "3", "7", "256"}) {
+    EXPECT_EQ(made({"--threads", threads}), one) << threads;
+  }
+  EXPECT_EQ(made({"--threads", "4", "--storage", "file"}), one);
+  EXPECT_EQ(made({}), one);
+}
+
+TEST_F(ResizeTest, MoreThreadsThanRows) {
+  const Raster source = pattern(50, 20, 1, 8);
+  support::writePng(path("in.png"), support::pngOf(source));
+  run({"resize", "--width", "7", "--height", "3", "--threads", "40", "in.png", "out.png"});
+  EXPECT_EQ(difference(resized(source, 7, 3), support::readPng(path("out.png")).raster), "");
+}
+
+// ---- Sizes and what goes with them
+
+TEST_F(ResizeTest, TheOtherSideFollows) {
+  const Raster source = pattern(40, 30, 3, 8);
+  support::writePng(path("in.png"), support::pngOf(source));
+  const auto made = [this](const char* option, const char* value) {
+    run({"resize", option, value, "--filter", "box", "--force", "in.png", "out.png"});
+    return support::readPng(path("out.png")).raster;
+  };
+  EXPECT_EQ(difference(resized(source, 20, 15, kBox), made("--width", "20")), "");
+  EXPECT_EQ(difference(resized(source, 80, 60, kBox), made("--height", "60")), "");
+  EXPECT_EQ(difference(resized(source, 6, 5, kBox), made("--width", "6")), "") << "4.5 is rounded up";
+  EXPECT_EQ(difference(resized(source, 1, 1, kBox), made("--height", "1")), "");
+  EXPECT_EQ(difference(resized(source, 10, 8, kBox), made("--scale", "0.25")), "") << "7.5 is rounded up";
+  EXPECT_EQ(difference(resized(source, 64, 48, kBox), made("--scale", "1.6")), "");
+  EXPECT_EQ(difference(resized(source, 1, 1, kBox), made("--scale", "1e-9")), "") << "at least one pixel";
+  EXPECT_EQ(difference(source, made("--scale", "1")), "");
+}
+
+TEST_F(ResizeTest, TheResolutionStays) {
   Tiff source = support::tiffOf(pattern(40, 30, 1, 8));
   source.resolution = {{300, 150}};
   source.unit = RESUNIT_INCH;
-  support::writeTiff(sandbox.path("in.tif"), source);
-  ASSERT_EQ(sandbox.kvtile({"resize", "--width", "80", "in.tif", "out.tif"}).status, 0);
-  const Tiff made = support::readTiff(sandbox.path("out.tif"));
+  support::writeTiff(path("in.tif"), source);
+  run({"resize", "--width", "80", "in.tif", "out.tif"});
+  const Tiff made = support::readTiff(path("out.tif"));
   EXPECT_EQ(made.resolution, source.resolution);
   EXPECT_EQ(made.unit, RESUNIT_INCH);
 }
 
-TEST(ResizeTest, SizesThatTheFileCannotHaveAreRefused) {
-  const Sandbox sandbox;
-  support::writePng(sandbox.path("in.png"), support::pngOf(pattern(10, 30, 1, 8)));
-  const auto refusal = [&sandbox](const std::vector<std::string>& size, const char* out) {
-    std::vector<std::string> command = {"resize", "in.png", out};
-    command.insert(command.end(), size.begin(), size.end());
-    const Result result = sandbox.kvtile(command);
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(sandbox.names(), ElementsAre("in.png"));
-    return result.err;
-  };
-  EXPECT_EQ(refusal({"--width", "2147483648", "--height", "1"}, "out.png"),
+// ---- What is refused
+
+TEST_F(ResizeTest, SizesThatTheFileCannotHave) {
+  support::writePng(path("in.png"), support::pngOf(pattern(10, 30, 1, 8)));
+  EXPECT_EQ(refusal({"--width", "2147483648", "--height", "1"}, "in.png", "out.png"),
             "kvtile: out.png: PNG cannot hold a picture of this size; write a .tif instead\n");
-  EXPECT_EQ(refusal({"--width", "1000000000"}, "out.png"),
+  EXPECT_EQ(refusal({"--width", "1000000000"}, "in.png", "out.png"),
             "kvtile: out.png: PNG cannot hold a picture of this size; write a .tif instead\n");
-  EXPECT_EQ(refusal({"--width", "2000000000"}, "out.tif"),
+  EXPECT_EQ(refusal({"--width", "2000000000"}, "in.png", "out.tif"),
             "kvtile: out.tif: the height would be 6000000000 pixels, more than 4294967295; give --height too\n");
+  EXPECT_EQ(refusal({"--height", "4294967295", "--crop", "0,0,10,1"}, "in.png", "out.tif"),
+            "kvtile: out.tif: the width would be 42949672950 pixels, more than 4294967295; give --width too\n");
+  EXPECT_EQ(refusal({"--scale", "1e9"}, "in.png", "out.tif"),
+            "kvtile: out.tif: the width would be 10000000000 pixels, more than 4294967295; take a smaller --scale\n");
+  EXPECT_THAT(refusal({"--scale", "1e300"}, "in.png", "out.tif"), HasSubstr("take a smaller --scale"));
+}
+
+TEST_F(ResizeTest, SizesThatTakeTooMuchMemory) {
+  support::writePng(path("in.png"), support::pngOf(pattern(10, 30, 4, 16)));
+  for (const char* threads : {"1", "2"}) {
+    EXPECT_EQ(refusal({"--width", "4294967295", "--height", "2", "--threads", threads}, "in.png", "out.tif"),
+              "kvtile: in.png: the picture cannot be resized (a row of the result needs more memory than there is); "
+              "take a smaller size, or close other programs\n");
+  }
+}
+
+TEST_F(ResizeTest, PartsOutsideThePicture) {
+  support::writePng(path("in.png"), support::pngOf(pattern(10, 30, 1, 8)));
+  EXPECT_EQ(refusal({"--crop", "4,0,7,1"}, "in.png", "out.png"),
+            "kvtile: in.png: the area of 7 x 1 pixels at 4,0 reaches beyond the picture; it has 10 x 30 pixels\n");
+  EXPECT_EQ(refusal({"--crop", "4294967295,4294967295,4294967295,4294967295"}, "in.png", "out.png"),
+            "kvtile: in.png: the area of 4294967295 x 4294967295 pixels at 4294967295,4294967295 reaches beyond the "
+            "picture; it has 10 x 30 pixels\n");
+}
+
+TEST_F(ResizeTest, SamplesThatCannotBeBlended) {
+  const auto refused = [this](const Tiff& source) {
+    support::writeTiff(path("in.tif"), source);
+    return refusal({"--width", "20"}, "in.tif", "out.tif");
+  };
+  EXPECT_EQ(refused(support::tiffOf(pattern(10, 30, 3, 4))),
+            "kvtile: in.tif: its samples (3 x 4 bits, unsigned) cannot be blended; run again with --to-8bit to widen "
+            "them\n");
+  EXPECT_EQ(refused(support::tiffOf(pattern(10, 30, 1, 24))),
+            "kvtile: in.tif: its samples (1 x 24 bits, unsigned) cannot be blended; convert it to 8, 16, 32 or 64 bits "
+            "first\n");
+  Tiff lab = support::tiffOf(pattern(10, 30, 3, 8));
+  lab.photometric = PHOTOMETRIC_CIELAB;
+  EXPECT_EQ(refused(lab),
+            "kvtile: in.tif: the colours of CIE L*a*b* cannot be blended, as only two of three samples have signs; "
+            "convert it to RGB first\n");
 }
 
 }  // namespace

@@ -18,7 +18,8 @@
 #include "output_file.h"
 #include "progress.h"
 #include "reader.h"
-#include "sampling.h"
+#include "resizing.h"
+#include "result_rows.h"
 #include "system.h"
 #include "toning.h"
 #include "writer.h"
@@ -62,32 +63,6 @@ void requireTurnable(const std::string& input, const PixelFormat& format, const 
   }
 }
 
-// The side of the result that goes with the other one, `to` pixels instead of `from`.
-std::uint32_t followingSide(const std::string& output, const char* name, std::uint32_t other, std::uint32_t from,
-                            std::uint32_t to) {
-  const std::uint64_t length = proportionalLength(other, from, to);
-  if (length > UINT32_MAX) {
-    throw Failure(output,
-                  std::string("the ") + name + " would be " + std::to_string(length) + " pixels, more than " +
-                      std::to_string(UINT32_MAX),
-                  std::string("give --") + name + " too");
-  }
-  return static_cast<std::uint32_t>(length);
-}
-
-Picture inSize(const Picture& picture, const WantedSize& size, const std::string& output) {
-  if (size.width == 0 && size.height == 0) {
-    return picture;
-  }
-  if (size.height == 0) {
-    return picture.resized(size.width, followingSide(output, "height", picture.height, picture.width, size.width));
-  }
-  if (size.width == 0) {
-    return picture.resized(followingSide(output, "width", picture.width, picture.height, size.height), size.height);
-  }
-  return picture.resized(size.width, size.height);
-}
-
 // Throws a Failure for what can be known to fail of every command before the work starts.
 void checkFiles(const Request& request, Reader& reader) {
   OutputFile::check(request.output, request.input, request.force);
@@ -108,7 +83,7 @@ struct Plan {
   Picture held;     // as the image gets it
   Picture upright;  // turned
   Toning toning;    // nothing to do if no tones change
-  Picture result;   // in the size that is wanted
+  Resizing resizing;
   Delivery delivery;
 };
 
@@ -126,26 +101,18 @@ Plan makePlan(const TransformRequest& request, FileFormat format, Reader& reader
   if (request.tone.changes()) {
     plan.toning = planToning(request.input, plan.upright, request.tone, messages);
   }
-  plan.result = inSize(plan.toning.picture, request.size, request.output);
-  plan.delivery = planDelivery(plan.result, format, request.output);
+  plan.resizing = planResizing(request.input, request.output, plan.toning.picture, request.resize);
+  plan.delivery = planDelivery(plan.resizing.picture, format, request.output);
   storage.require(request.input, plan.held, !plan.turn.isIdentity());
   return plan;
 }
 
-// `result`: the picture in the image, in the size that is wanted.
-void write(Image& image, const Picture& result, const Delivery& delivery, Writer& writer, Progress& progress) {
-  SampledRows rows(image, result);
-  RowConverter converter(result, delivery);
-  std::span<std::uint8_t> converted;
-  std::vector<std::uint8_t> row(delivery.picture.rowBytes());
-  progress.begin("writing", result.height);
-  for (std::uint32_t y = 0; y < result.height; ++y) {
-    if (rows.advance()) {
-      converted = converter.convert(rows.row());
-    }
-    // What is written may be changed by it, and may be wanted again.
-    std::copy(converted.begin(), converted.end(), row.begin());
-    writer.writeRow(row);
+void write(Image& image, const Resizing& resizing, const Delivery& delivery, Writer& writer, Progress& progress) {
+  const auto rows = makeResultRows(image, resizing);
+  RowConverter converter(resizing.picture, delivery);
+  progress.begin("writing", resizing.picture.height);
+  for (std::uint32_t y = 0; y < resizing.picture.height; ++y) {
+    writer.writeRow(converter.convert(rows->next()));
     progress.advance();
   }
   writer.finish();
@@ -158,6 +125,9 @@ void tellOfPlan(const TransformRequest& request, const Plan& plan, Console& cons
   }
   for (const std::string& note : plan.delivery.notes) {
     console.note(request.output + ": " + note);
+  }
+  if (plan.delivery.picture.colourKey && plan.resizing.scales) {
+    console.note(request.output + ": only pixels that have the transparent colour exactly are transparent");
   }
   if (plan.delivery.picture.colourKey && widensColourKey(plan.upright, plan.toning)) {
     console.note(request.output + ": other colours became the transparent one, so that more pixels may be transparent");
@@ -252,8 +222,11 @@ void transform(const TransformRequest& request, Console& console) {
   if (!plan.toning.curves.empty()) {
     image.adjust(plan.toning.curves, progress);
   }
+  if (plan.resizing.expandsPalette) {
+    image.expandPalette(plan.toning.picture, storage, progress);
+  }
   const auto writer = beginPicture(format, output.file(), request.output, plan.delivery.picture, console);
-  write(image, plan.result, plan.delivery, *writer, progress);
+  write(image, plan.resizing, plan.delivery, *writer, progress);
   output.commit();
   console.showNotes();
   if (request.showStats) {

@@ -8,16 +8,11 @@
 
 #include "console.h"
 #include "image.h"
+#include "resizing.h"
 #include "tone.h"
 #include "turn.h"
 
 namespace kvtile {
-
-// In pixels; a side that is 0 follows from the other one, and where both are the picture keeps its size.
-struct WantedSize {
-  std::uint32_t width = 0;
-  std::uint32_t height = 0;
-};
 
 // What every command that makes a file is told.
 struct Request {
@@ -32,8 +27,8 @@ struct Request {
 };
 
 struct TransformRequest : Request {
-  Turn turn;        // applied to the picture as a viewer shows it
-  WantedSize size;  // of the turned picture
+  Turn turn;             // applied to the picture as a viewer shows it
+  ResizeRequest resize;  // of the turned picture
 };
 
 // Makes `output` from `input`. Throws a Failure, or Interrupted when asked to stop; nothing is left behind then.

@@ -46,18 +46,36 @@ void Console::detail(const std::string& text) {
 }
 
 void Console::setStatus(const std::string& text) {
-  if (!showsStatus_ || text == status_) {
-    return;
-  }
-  std::string shown = "\r" + text;
-  if (text.size() < status_.size()) {
-    shown.append(status_.size() - text.size(), ' ');
-  }
-  put(shown);
-  status_ = text;
+  const std::lock_guard lock(mutex_);
+  show(text);
 }
 
 void Console::clearStatus() {
+  const std::lock_guard lock(mutex_);
+  erase();
+}
+
+void Console::line(const std::string& text) {
+  const std::lock_guard lock(mutex_);
+  const std::string status = status_;
+  erase();
+  put("kvtile: " + printable(text) + "\n");
+  show(status);
+}
+
+void Console::show(const std::string& status) {
+  if (!showsStatus_ || status == status_) {
+    return;
+  }
+  std::string shown = "\r" + status;
+  if (status.size() < status_.size()) {
+    shown.append(status_.size() - status.size(), ' ');
+  }
+  put(shown);
+  status_ = status;
+}
+
+void Console::erase() {
   if (!status_.empty()) {
     // Blanks work on every terminal, erase sequences do not.
     std::string blanks(1, '\r');
@@ -65,13 +83,6 @@ void Console::clearStatus() {
     put(blanks + "\r");
     status_.clear();
   }
-}
-
-void Console::line(const std::string& text) {
-  const std::string status = status_;
-  clearStatus();
-  put("kvtile: " + printable(text) + "\n");
-  setStatus(status);
 }
 
 }  // namespace kvtile

@@ -2,11 +2,13 @@
 #ifndef KVTILE_CONSOLE_H
 #define KVTILE_CONSOLE_H
 
+#include <mutex>
 #include <string>
 #include <vector>
 
 namespace kvtile {
 
+// Notes are for one thread, everything else for any.
 class Console {
  public:
   // `quiet` drops notes and the status line, `verbose` lets details through.
@@ -35,7 +37,10 @@ class Console {
 
  private:
   void line(const std::string& text);
+  void show(const std::string& status);
+  void erase();
 
+  std::mutex mutex_;  // held while something is written
   bool verbose_;
   bool quiet_;
   bool showsStatus_;

@@ -105,10 +105,7 @@ Delivery planTiff(const Picture& held) {
   }
   if (!picture.palette.alpha.empty()) {
     delivery.expandPalette = true;
-    picture.photometric = Photometric::Rgb;
-    picture.pixels = {4, 8, SampleFormat::Unsigned};
-    picture.extras = {Extra::StraightAlpha};
-    picture.palette = {};
+    picture = picture.withoutPalette();
   } else {
     // A TIFF's colour map has an entry for each value that a sample can have.
     picture.palette.entries.resize(std::size_t{1} << picture.pixels.bits);
@@ -130,7 +127,7 @@ RowConverter::RowConverter(const Picture& held, const Delivery& delivery) : held
 
 std::span<std::uint8_t> RowConverter::convert(std::span<std::uint8_t> row) {
   if (delivery_.expandPalette) {
-    expandPalette(row, held_.pixels.bits, held_.palette, held_.width, expanded_);
+    expandPalette(row, held_.pixels.bits, held_.palette, held_.width, delivery_.picture.pixels.samples, expanded_);
     return expanded_;
   }
   // Alpha is divided out first: it was multiplied with the samples as they are stored.

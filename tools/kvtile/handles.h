@@ -15,9 +15,14 @@ struct DestroyTable {
   void operator()(LookupTableHandle* tableOrMap) const noexcept { KvTileImage_DestroyLookupTable(tableOrMap); }
 };
 
+struct EndEngine {
+  void operator()(RescaleEngineHandle* engine) const noexcept { KvTileImage_EndRescaleRowScanline_ThreadSafe(engine); }
+};
+
 using ImageHandle = std::unique_ptr<TileImageHandle, UnloadImage>;
 using TableHandle = std::unique_ptr<LookupTableHandle, DestroyTable>;
 using TableMapHandle = std::unique_ptr<LookupTableMapHandle, DestroyTable>;
+using EngineHandle = std::unique_ptr<RescaleEngineHandle, EndEngine>;
 
 }  // namespace kvtile
 

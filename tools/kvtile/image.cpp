@@ -1,6 +1,10 @@
 #include "image.h"
 
+#include <utility>
+#include <vector>
+
 #include "errors.h"
+#include "samples.h"
 #include "system.h"
 
 namespace kvtile {
@@ -42,6 +46,13 @@ std::string roomAdvice(bool inMemory, std::uint64_t budgetForMemory) {
     return "close other programs, or run again with --storage file";
   }
   return "see to that folder, or run again with --storage memory --budget " + budgetText(budgetForMemory);
+}
+
+// The library has a code of its own for floating-point numbers of 64 bits.
+std::uint32_t librarySampleformat(const PixelFormat& format) {
+  return format.sampleFormat == SampleFormat::Float && format.bits == 64
+             ? KVTI_SAMPLEFORMAT_DOUBLE
+             : static_cast<std::uint32_t>(format.sampleFormat);
 }
 
 // The library's map of the tables; null if there is no memory.
@@ -121,8 +132,8 @@ Image::Image(const std::string& file, const Picture& picture, const Storage& sto
   messages_.forget();
   // Turning reads rows and writes columns, so that tiles for both are what suits every command.
   handle_.reset(KvTileImage_AllocEx(picture.width, picture.height, picture.pixels.samples, picture.pixels.bits,
-                                    static_cast<std::uint32_t>(picture.pixels.sampleFormat),
-                                    storage.forcesFiles() ? 1 : 0, KVTI_SCANLINE_OPERATION_ROWCOL));
+                                    librarySampleformat(picture.pixels), storage.forcesFiles() ? 1 : 0,
+                                    KVTI_SCANLINE_OPERATION_ROWCOL));
   if (handle_ == nullptr) {
     fail(storage.keepsInMemory(picture) ? "there is not enough memory for the image"
                                         : "the image cannot be kept in files",
@@ -179,6 +190,22 @@ void Image::adjust(const ChannelCurves& curves, Progress& progress) {
   }
 }
 
+void Image::expandPalette(const Picture& indexed, const Storage& storage, Progress& progress) {
+  const Picture coloured = indexed.withoutPalette();
+  const Palette palette = indexed.tiff ? indexed.palette.spread() : indexed.palette;
+  Image colours(file_, coloured, storage, messages_);
+  std::vector<std::uint8_t> indices(rowBytes());
+  std::vector<std::uint8_t> row(coloured.rowBytes());
+  progress.begin("colouring", height());
+  for (std::uint32_t y = 0; y < height(); ++y) {
+    getRow(y, 0, width(), indices);
+    kvtile::expandPalette(indices, indexed.pixels.bits, palette, width(), coloured.pixels.samples, row);
+    colours.setRow(y, 0, width(), row);
+    progress.advance();
+  }
+  handle_ = std::move(colours.handle_);
+}
+
 void Image::setResolution(const Picture& picture) {
   const auto inches = picture.resolution ? picture.resolution->inInches() : std::nullopt;
   if (inches) {
@@ -189,6 +216,23 @@ void Image::setResolution(const Picture& picture) {
 
 void Image::fail(const std::string& what, const std::string& advice) const {
   throw Failure(file_, what + messages_.reason(), advice);
+}
+
+RowScaler::RowScaler(Image& image, const Resizing& resizing) : image_(image) {
+  const Area& area = resizing.area;
+  image_.messages_.forget();
+  engine_.reset(KvTileImage_BeginRescaleRowScanline_ThreadSafe(
+      image_.handle_.get(), area.x, area.y, area.x + area.width, area.y + area.height, resizing.picture.width,
+      resizing.picture.height, resizing.filter));
+  if (engine_ == nullptr) {
+    image_.fail("the picture cannot be resized", "take a smaller size, or close other programs");
+  }
+}
+
+void RowScaler::getRow(std::uint32_t y, std::span<std::uint8_t> row) {
+  if (!KvTileImage_RescaleRowScanline_ThreadSafe(engine_.get(), y, row.data(), row.size())) {
+    image_.fail("row " + std::to_string(y) + " of the new size cannot be made", "see --verbose for more");
+  }
 }
 
 }  // namespace kvtile

@@ -15,6 +15,7 @@
 #include "library_messages.h"
 #include "picture.h"
 #include "progress.h"
+#include "resizing.h"
 #include "tone.h"
 
 namespace kvtile {
@@ -86,7 +87,16 @@ class Image {
   // Changes the samples that have a curve, in a single pass. At least one; all for the image's depth.
   void adjust(const ChannelCurves& curves, Progress& progress);
 
+  // Puts an image of the colours in the place of this one of their numbers, which `indexed` describes. Both exist while
+  // it works.
+  void expandPalette(const Picture& indexed, const Storage& storage, Progress& progress);
+
+  // The calling thread is done with reading and writing pixels; what it alone holds of the image is let go.
+  void endThread() noexcept { KvTileImage_EndCurrentThreadIO(handle_.get()); }
+
  private:
+  friend class RowScaler;
+
   void setResolution(const Picture& picture);
   [[noreturn]] void fail(const std::string& what, const std::string& advice) const;
 
@@ -94,6 +104,20 @@ class Image {
   std::string adviceForTurned_;
   LibraryMessages& messages_;
   ImageHandle handle_;
+};
+
+// Rows of an image in another size. For one thread; each has one of its own.
+class RowScaler {
+ public:
+  // `image` has to outlive it. `resizing` scales. Throws a Failure if there is no memory.
+  RowScaler(Image& image, const Resizing& resizing);
+
+  // Row `y` of the result; `row` has exactly its bytes. Throws a Failure if it cannot be made.
+  void getRow(std::uint32_t y, std::span<std::uint8_t> row);
+
+ private:
+  Image& image_;
+  EngineHandle engine_;
 };
 
 }  // namespace kvtile

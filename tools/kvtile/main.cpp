@@ -12,6 +12,7 @@
 #include "arguments.h"
 #include "commands.h"
 #include "errors.h"
+#include "resize_options.h"
 #include "system.h"
 #include "tone_options.h"
 
@@ -33,23 +34,16 @@ constexpr int kWrongUsage = 2;
 constexpr char kTurnedStorage[] =
     "\n\n--storage file is for the picture as it is read: its turned copy follows the budget.";
 
-// A side of a picture; nothing for other texts and for more than a picture can have.
-std::optional<std::uint32_t> parsePixels(const std::string& text) {
-  const auto pixels = kvtile::parseWhole(text, UINT32_MAX);
-  return pixels && *pixels > 0 ? pixels : std::nullopt;
-}
-
 struct Options {
   std::string angle;
   std::string direction;
-  std::string width;
-  std::string height;
   std::string budget;
   std::string storage;
   std::string input;
   std::string output;
   std::vector<std::string> files;
   kvtile::ToneRequest tone;
+  kvtile::ResizeOptions resize;
   bool force = false;
   bool widenTo8Bit = false;
   bool verbose = false;
@@ -70,13 +64,6 @@ std::string checkSize(std::string& text) {
     return {};
   }
   return "'" + withMinus(text) + "' is no size: allowed are numbers of bytes, or such as 512M and 12G";
-}
-
-std::string checkPixels(std::string& text) {
-  if (parsePixels(text)) {
-    return {};
-  }
-  return "'" + withMinus(text) + "' is no number of pixels: allowed are 1 to " + std::to_string(UINT32_MAX);
 }
 
 std::string checkStorage(std::string& text) {
@@ -168,26 +155,21 @@ void addMirror(CLI::App& app, Options& options) {
 }
 
 void addResize(CLI::App& app, Options& options) {
-  CLI::App* resize = app.add_subcommand("resize", "Give a picture another size by repeating or leaving out pixels");
-  resize->add_option("--width", options.width, "Pixels from left to right; follows from the height if left out")
-      ->type_name("N")
-      ->check(CLI::Validator(checkPixels, ""));
-  resize->add_option("--height", options.height, "Pixels from top to bottom; follows from the width if left out")
-      ->type_name("N")
-      ->check(CLI::Validator(checkPixels, ""));
+  CLI::App* resize = app.add_subcommand("resize", "Give a picture, or a part of it, another size");
+  kvtile::addResizeOptions(*resize, options.resize);
   addFiles(*resize, options);
   addTransformOptions(*resize, options);
-  resize->callback([&options] {
-    if (options.width.empty() && options.height.empty()) {
-      throw CLI::RequiredError("--width or --height");
-    }
-  });
   resize->footer(
       "Examples:\n"
       "  kvtile resize --width 800 mosaic.tif preview.png\n"
-      "  kvtile resize --width 16000 --height 12000 photo.png poster.tif\n\n"
-      "Each pixel is that of the picture at the same place: none are blended. The resolution (dpi) stays as it is, so\n"
-      "that the picture is printed larger or smaller.");
+      "  kvtile resize --scale 16 --filter bicubic photo.png poster.tif\n"
+      "  kvtile resize --crop 2000,1500,640,480 --scale 4 scan.tif detail.png\n\n"
+      "Filters: lanczos3 and catmull-rom are the sharpest and leave faint ripples beside edges, bicubic is softer "
+      "with\n"
+      "hardly any, bilinear and bspline have none, and bspline is the softest. box takes plain means and, enlarging,\n"
+      "repeats pixels. A part without another size is copied as it is. Pictures with a palette come out in colours. "
+      "The\n"
+      "resolution (dpi) stays as it is, so that the picture is printed larger or smaller.");
 }
 
 void addTone(CLI::App& app, Options& options) {
@@ -350,7 +332,7 @@ TransformRequest makeTransform(const std::string& command, const Options& option
   TransformRequest request;
   static_cast<Request&>(request) = makeRequest(options);
   request.turn = turnOf(command, options);
-  request.size = {parsePixels(options.width).value_or(0), parsePixels(options.height).value_or(0)};
+  request.resize = kvtile::resizeRequestOf(options.resize);
   return request;
 }
 

@@ -123,6 +123,22 @@ Picture Picture::resized(std::uint32_t newWidth, std::uint32_t newHeight) const 
   return result;
 }
 
+Picture Picture::withoutPalette() const {
+  if (photometric != Photometric::Palette) {
+    return *this;
+  }
+  Picture result = *this;
+  result.photometric = Photometric::Rgb;
+  result.pixels = {3, 8, SampleFormat::Unsigned};
+  result.extras.clear();
+  if (!palette.alpha.empty()) {
+    result.pixels.samples = 4;
+    result.extras = {Extra::StraightAlpha};
+  }
+  result.palette = {};
+  return result;
+}
+
 Picture Picture::widenedTo8Bit() const {
   if (!pixels.packed()) {
     return *this;

@@ -126,6 +126,9 @@ struct Picture {
   // The picture in another size. The resolution stays: what is printed becomes larger or smaller.
   Picture resized(std::uint32_t newWidth, std::uint32_t newHeight) const;
 
+  // The picture with the colours of its palette, 3 or, where they have alpha, 4 x 8 bits. Others come back as they are.
+  Picture withoutPalette() const;
+
   // The picture with samples of 1, 2 and 4 bits widened to 8: the palette and the colour key follow. Other formats
   // come back as they are.
   Picture widenedTo8Bit() const;

@@ -93,7 +93,7 @@ void unpremultiply(std::span<std::uint8_t> row, const PixelFormat& format, std::
 }
 
 void expandPalette(std::span<const std::uint8_t> indices, std::uint32_t bits, const Palette& palette,
-                   std::size_t pixels, std::span<std::uint8_t> rgba) {
+                   std::size_t pixels, std::uint32_t samples, std::span<std::uint8_t> colours) {
   std::array<std::array<std::uint8_t, 4>, 256> table;
   table.fill({0, 0, 0, 255});
   for (std::size_t i = 0; i < std::min(palette.entries.size(), table.size()); ++i) {
@@ -103,7 +103,7 @@ void expandPalette(std::span<const std::uint8_t> indices, std::uint32_t bits, co
   }
   for (std::size_t pixel = 0; pixel < pixels; ++pixel) {
     const std::uint32_t index = bits == 8 ? indices[pixel] : packedSample(indices, pixel, bits);
-    std::memcpy(&rgba[pixel * 4], table[index].data(), 4);
+    std::memcpy(&colours[pixel * samples], table[index].data(), samples);
   }
 }
 

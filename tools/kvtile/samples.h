@@ -35,10 +35,10 @@ void invertGrey(std::span<std::uint8_t> row, const PixelFormat& format, std::siz
 // Unsigned samples of 8 or 16 bits.
 void unpremultiply(std::span<std::uint8_t> row, const PixelFormat& format, std::size_t pixels);
 
-// Writes the colour and the alpha of each index, 4 bytes a pixel. Indices of 1 to 8 bits; those behind the palette's
-// end give opaque black.
+// Writes the colour of each index and, where a pixel has 4 samples instead of 3, its alpha, a byte each. Indices of 1
+// to 8 bits; those behind the palette's end give opaque black.
 void expandPalette(std::span<const std::uint8_t> indices, std::uint32_t bits, const Palette& palette,
-                   std::size_t pixels, std::span<std::uint8_t> rgba);
+                   std::size_t pixels, std::uint32_t samples, std::span<std::uint8_t> colours);
 
 }  // namespace kvtile
 
