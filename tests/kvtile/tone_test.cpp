@@ -591,6 +591,19 @@ TEST_F(ToneTest, TheTransparentColourFollows) {
   EXPECT_EQ(support::readPng(sandbox_.path("out.png")).colourKey, (std::array<std::uint16_t, 3>{64535, 64535, 64535}));
 }
 
+TEST_F(ToneTest, BitsBeyondTheDepthOfATransparentColourDoNotCount) {
+  Png source = support::pngOf(pattern(37, 23, 1, 8));
+  source.colourKey = {0x10, 0x10, 0x10};
+  support::writePng(sandbox_.path("in.png"), source);
+  std::string file = sandbox_.read("in.png");
+  const std::size_t chunk = file.find("tRNS") - 4;
+  file[chunk + 8] = '\x01';
+  support::fixChecksum(file, chunk);
+  sandbox_.write("in.png", file);
+  tonedPng({"--invert"});
+  EXPECT_EQ(support::readPng(sandbox_.path("out.png")).colourKey, (std::array<std::uint16_t, 3>{239, 239, 239}));
+}
+
 TEST_F(ToneTest, TellsOfMoreTransparentPixels) {
   Png source = support::pngOf(pattern(37, 23, 3, 8));
   source.colourKey = {10, 20, 30};

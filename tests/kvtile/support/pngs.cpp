@@ -219,6 +219,20 @@ Png readPng(const std::string& path) {
   return out;
 }
 
+void fixChecksum(std::string& file, std::size_t chunk) {
+  const std::size_t bytes = png_get_uint_32(reinterpret_cast<png_const_bytep>(&file[chunk]));
+  // It is over the name and the data.
+  const std::size_t end = chunk + 8 + bytes;
+  std::uint32_t crc = 0xffffffff;
+  for (std::size_t i = chunk + 4; i < end; ++i) {
+    crc ^= static_cast<unsigned char>(file[i]);
+    for (int bit = 0; bit < 8; ++bit) {
+      crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xEDB88320U : 0);
+    }
+  }
+  png_save_uint_32(reinterpret_cast<png_bytep>(&file[end]), ~crc);
+}
+
 std::vector<std::string> chunkNames(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   file.seekg(8);

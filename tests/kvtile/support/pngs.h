@@ -46,6 +46,9 @@ Png palettePng(const Raster& indices);
 void writePng(const std::string& path, const Png& png);
 Png readPng(const std::string& path);
 
+// Gives the chunk that begins at byte `chunk` of the contents of a file the checksum of what it holds now.
+void fixChecksum(std::string& file, std::size_t chunk);
+
 // The names of the file's chunks, in their order.
 std::vector<std::string> chunkNames(const std::string& path);
 
