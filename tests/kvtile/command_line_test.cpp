@@ -271,7 +271,7 @@ TEST_F(CommandLineTest, HelpNamesEveryOptionAndGivesExamples) {
     EXPECT_THAT(tone, HasSubstr(word));
     EXPECT_THAT(histogram, HasSubstr(word));
   }
-  EXPECT_THAT(tone, AllOf(HasSubstr("in the order in which they stand"), HasSubstr("control points")));
+  EXPECT_THAT(tone, AllOf(HasSubstr("in the order in which they are given"), HasSubstr("control points")));
   EXPECT_THAT(sandbox_.kvtile({"info", "--help"}).out, HasSubstr("kvtile info scan.tif"));
 }
 

@@ -188,8 +188,9 @@ void addTone(CLI::App& app, Options& options) {
       "  kvtile tone --gamma 1.8 --contrast 0.2 dark.tif light.tif\n"
       "  kvtile tone --brightness -0.2 --channel 2 photo.png less-blue.png\n"
       "  kvtile tone --curve points.txt scan.tif better.tif\n\n"
-      "Curves are applied in the order in which they stand here, and any of them may be repeated. Contrast,\n"
-      "brightness, gamma and inversion that follow each other in this order are calculated together and rounded once.\n"
+      "Curves are applied in the order in which they are given, and any of them may be repeated. Contrast, "
+      "brightness,\n"
+      "gamma and inversion that follow each other in this order are calculated together and rounded once.\n"
       "Without --channel all samples that carry colour change and alpha does not. Pictures with a palette get other\n"
       "colours in it: channels 0, 1 and 2 are red, green and blue. Of separated inks the amounts change.\n\n"
       "A file for --curve holds control points, one in a line, as fractions of the highest value:\n"
@@ -209,10 +210,10 @@ void addHistogram(CLI::App& app, Options& options) {
       "Examples:\n"
       "  kvtile histogram scan.tif tones.png\n"
       "  kvtile histogram --gamma 1.8 --contrast 0.2 scan.tif before-and-after.png\n\n"
-      "OUT becomes a chart; IN stays as it is. With the options of 'kvtile tone' it shows the curve too, and the "
-      "tones\n"
-      "as they would be. Where red, green and blue overlap their light adds up. Alpha is not counted unless --channel\n"
-      "names it. Bars that stand out alone are cut off at the top, which is marked.");
+      "OUT becomes a chart; IN stays as it is. With the options of 'kvtile tone' it shows the curve too, and how "
+      "often\n"
+      "tones would occur then. Where red, green and blue overlap their light adds up. Alpha is not counted unless\n"
+      "--channel names it. Bars that stand out alone are cut off at the top, which is marked.");
 }
 
 // CLI11's sentence or a better one, and where to read on.
