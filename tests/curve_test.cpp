@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <random>
@@ -626,6 +627,22 @@ TEST(ShortcutTest, InPlaceDoesNothingForParametersThatChangeNothing) {
     expectPixels(image, pixels);
   }
   EXPECT_THAT(takeCalls(), IsEmpty());
+}
+
+// Doubles next to 1 are 2^-53 below and 2^-52 above it.
+TEST(ShortcutTest, NothingIsWhatIsNearerThanTheStepAboveOne) {
+  const double step = std::pow(2.0, -52);
+  const Image image = imageOf(noise(20, 2, {1, 8}));
+  EXPECT_TRUE(KvTileImage_AdjustCurveOfAllChannels_Gamma(image.get(), 1.0 - step / 2, &record));
+  EXPECT_TRUE(KvTileImage_AdjustCurveOfAllChannels_Brightness(image.get(), std::nextafter(step, 0.0), &record));
+  EXPECT_TRUE(KvTileImage_AdjustCurveOfAllChannels_Contrast(image.get(), -std::nextafter(step, 0.0), &record));
+  EXPECT_THAT(takeCalls(), IsEmpty());
+  EXPECT_TRUE(KvTileImage_AdjustCurveOfAllChannels_Gamma(image.get(), 1.0 + step, &record));
+  EXPECT_EQ(takeCalls(), everyRow(2));
+  EXPECT_TRUE(KvTileImage_AdjustCurveOfAllChannels_Brightness(image.get(), step, &record));
+  EXPECT_EQ(takeCalls(), everyRow(2));
+  EXPECT_TRUE(KvTileImage_AdjustCurveOfAllChannels_Contrast(image.get(), -step, &record));
+  EXPECT_EQ(takeCalls(), everyRow(2));
 }
 
 TEST(ShortcutTest, TheCopyIsMadeForParametersThatChangeNothing) {

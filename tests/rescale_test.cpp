@@ -117,7 +117,7 @@ struct Change {
   std::uint32_t height;
 };
 
-// Of an image of 23 x 19: larger, smaller, both, a part of it, a single pixel, and more than 49 times smaller.
+// Of an image of 23 x 19: larger, smaller, both, a part of it, one pixel of it, and all of it as one pixel.
 constexpr Change kChanges[] = {{{0, 0, 23, 19}, 31, 27}, {{0, 0, 23, 19}, 10, 7},  {{0, 0, 23, 19}, 40, 4},
                                {{3, 2, 17, 16}, 9, 21},  {{22, 18, 23, 19}, 3, 2}, {{0, 0, 23, 19}, 1, 1}};
 
@@ -132,8 +132,13 @@ void expectDirectSums(std::uint32_t sampleformat) {
         const auto& [x1, y1, x2, y2] = change.source;
         SCOPED_TRACE(testing::Message() << channels << " channels, filter " << filter << ", to " << change.width
                                         << " x " << change.height << " from " << x1 << ", " << y1);
+        const double scaleX = double(change.width) / (x2 - x1);
+        const double scaleY = double(change.height) / (y2 - y1);
+        // Turn by turn by size and by scale.
         ASSERT_TRUE(
-            KvTileImage_BeginRescaleRowScanline(image.get(), x1, y1, x2, y2, change.width, change.height, filter));
+            (channels + filter) % 2 == 0
+                ? KvTileImage_BeginRescaleRowScanline(image.get(), x1, y1, x2, y2, change.width, change.height, filter)
+                : KvTileImage_BeginRescaleRowScanlineEx(image.get(), x1, y1, x2, y2, scaleX, scaleY, filter));
         EXPECT_EQ(KvTileImage_WidthAfterRescale(image.get()), change.width);
         EXPECT_EQ(KvTileImage_HeightAfterRescale(image.get()), change.height);
         std::vector<std::uint32_t> rows(change.height);
@@ -141,8 +146,7 @@ void expectDirectSums(std::uint32_t sampleformat) {
         std::shuffle(rows.begin(), rows.end(), random);
         for (const std::uint32_t row : rows) {
           const Bytes expected =
-              bytesOf(support::rescaledRowModel(model, x1, y1, x2, y2, double(change.width) / (x2 - x1),
-                                                double(change.height) / (y2 - y1), change.width, row, filter));
+              bytesOf(support::rescaledRowModel(model, x1, y1, x2, y2, scaleX, scaleY, change.width, row, filter));
           Bytes made(expected.size());
           ASSERT_TRUE(KvTileImage_RescaleRowScanline(image.get(), row, made.data(), made.size()));
           ASSERT_EQ(made, expected) << "row " << row;
@@ -586,35 +590,80 @@ TEST(WholeImageTest, FormatsHaveToFit) {
 }
 
 // 64 Mi samples in 65,536 rows, so that each of the few columns is cheap: the smallest work for several threads.
-TEST(WholeImageTest, LargeImagesTakeSeveralThreads) {
-  if (std::thread::hardware_concurrency() < 2) {
-    GTEST_SKIP() << "one processor: images are rescaled on the caller's thread";
+class LargeImageTest : public testing::Test {
+ protected:
+  static constexpr std::uint32_t kWidth = 1024;
+  static constexpr std::uint32_t kHeight = 65536;
+  static constexpr std::uint32_t kRows = 5000;  // at least 2048 each, for two threads 3072
+
+  void SetUp() override {
+    if (std::thread::hardware_concurrency() < 2) {
+      GTEST_SKIP() << "one processor: images are rescaled on the caller's thread";
+    }
+    KvTileImage_SetMaxMemoryStorageBytes(std::uint64_t{1} << 40);
+    model_ = {kWidth, kHeight, 1, {}};
+    model_.samples.resize(std::size_t{kWidth} * kHeight);
+    for (std::size_t i = 0; i < model_.samples.size(); ++i) {
+      model_.samples[i] = static_cast<std::uint8_t>(i * 0x9E3779B97F4A7C15U >> 50);
+    }
+    image_ = imageOf(model_, KVTI_SAMPLEFORMAT_UINT);
+    result_ = allocate(3, kRows, 1, 8);
+    KvTileImage_SetMaxMemoryStorageBytes(std::uint64_t{1} << 30);
+    ASSERT_NE(result_, nullptr);
   }
-  constexpr std::uint32_t kWidth = 1024;
-  constexpr std::uint32_t kHeight = 65536;
-  constexpr std::uint32_t kRows = 5000;  // at least 2048 each, for two threads 3072
-  KvTileImage_SetMaxMemoryStorageBytes(std::uint64_t{1} << 40);
-  SamplesModel<std::uint8_t> model{kWidth, kHeight, 1, {}};
-  model.samples.resize(std::size_t{kWidth} * kHeight);
-  for (std::size_t i = 0; i < model.samples.size(); ++i) {
-    model.samples[i] = static_cast<std::uint8_t>(i * 0x9E3779B97F4A7C15U >> 50);
+
+  // Where the sections end, with as many processors as this machine has.
+  static std::vector<std::uint32_t> sectionEnds() {
+    const bool two = std::thread::hardware_concurrency() == 2;
+    return two ? std::vector<std::uint32_t>{3072, 5000} : std::vector<std::uint32_t>{2048, 4096, 5000};
   }
-  const Image image = imageOf(model, KVTI_SAMPLEFORMAT_UINT);
-  const Image result = allocate(3, kRows, 1, 8);
-  KvTileImage_SetMaxMemoryStorageBytes(std::uint64_t{1} << 30);
-  ASSERT_NE(result, nullptr);
-  LogCapture log(ember_logger::info);
-  ASSERT_TRUE(KvTileImage_Rescale(image.get(), result.get(), KVTI_FILTER_BOX));
+
+  static long count(const support::LogLines& lines, int severity, const std::string& text) {
+    return std::count(lines.begin(), lines.end(), LogLine{severity, text});
+  }
+
+  SamplesModel<std::uint8_t> model_;
+  Image image_;
+  Image result_;
+};
+
+// Every section begins with the first row.
+TEST_F(LargeImageTest, TakesSeveralThreads) {
+  LogCapture log(ember_logger::trace);
+  ASSERT_TRUE(KvTileImage_Rescale(image_.get(), result_.get(), KVTI_FILTER_BOX));
   const support::LogLines lines = log.take();
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_THAT(lines[0].text, testing::MatchesRegex("\\[ResizeEngine::scale\\] use multi thread. thread count:[23]! "
-                                                   "rowsPerSection:(3072|2048)"));
+  const std::vector<std::uint32_t> ends = sectionEnds();
+  std::ostringstream threads;
+  threads << "[ResizeEngine::scale] use multi thread. thread count:" << ends.size() << "! rowsPerSection:" << ends[0];
+  EXPECT_EQ(count(lines, ember_logger::info, threads.str()), 1);
+  for (const std::uint32_t end : ends) {
+    std::ostringstream begins;
+    begins << "[ResizeEngine::scaleSection] thread! dstY1 - dstY2:[0 , " << end << ")";
+    EXPECT_EQ(count(lines, ember_logger::trace, begins.str()), 1);
+    std::ostringstream done;
+    done << "[ResizeEngine::scaleSection] last row of the section is finished :" << end - 1;
+    EXPECT_EQ(count(lines, ember_logger::trace, done.str()), 1);
+  }
+  EXPECT_EQ(count(lines, ember_logger::trace, "[ScanlineResizeEngine::scaleRow] scale Row index:0"),
+            static_cast<long>(ends.size()));
   // The first and the last row of each section, and some in between.
   for (const std::uint32_t y : {0U, 1U, 777U, 2047U, 2048U, 3071U, 3072U, 4095U, 4096U, 4998U, 4999U}) {
-    ASSERT_EQ(rowOf(result, y), support::rescaledRowModel(model, 0, 0, kWidth, kHeight, 3.0 / kWidth,
-                                                          double(kRows) / kHeight, 3, y, KVTI_FILTER_BOX))
+    ASSERT_EQ(rowOf(result_, y), support::rescaledRowModel(model_, 0, 0, kWidth, kHeight, 3.0 / kWidth,
+                                                           double(kRows) / kHeight, 3, y, KVTI_FILTER_BOX))
         << y;
   }
+}
+
+// Rows from 4444 on need source rows from below the image; the sections before the last have none of them.
+TEST_F(LargeImageTest, FailsWithItsLastSection) {
+  LogCapture log(ember_logger::trace);
+  EXPECT_FALSE(KvTileImage_RescaleEx(image_.get(), 0, 0, kWidth, kHeight + 8192, result_.get(), KVTI_FILTER_BOX));
+  const support::LogLines lines = log.take();
+  EXPECT_EQ(count(lines, ember_logger::error, "[ResizeEngine::scaleSection] scaleRow failed!"), 1);
+  EXPECT_EQ(lines.back(), (LogLine{ember_logger::trace, "[KvTileImage_RescaleEx] Rescale end[is success:0]!"}));
+  EXPECT_EQ(rowOf(result_, 4443),
+            support::rescaledRowModel(model_, 0, 0, kWidth, kHeight + 8192, 3.0 / kWidth,
+                                      double(kRows) / (kHeight + 8192), 3, 4443, KVTI_FILTER_BOX));
 }
 
 // Each thread streams every fourth row of one image in files with an engine of its own.

@@ -421,7 +421,15 @@ KVTILEIMAGE_API TileImageHandle* KvTileImage_VerticalMirror(TileImageHandle* ima
 /* Every sample of the result is one weighted sum of samples of the source: those within the reach of the kernel
  * `filter` (KVTI_FILTER_...) around the place of the new pixel, in double precision, source row by source row from the
  * top and pixel by pixel from the left. Enlarging, the kernel spans source pixels; shrinking, new pixels, up to 100
- * source pixels in each direction. The weights of a pixel add up to 1; at the edges the kernel is cut off.
+ * source pixels in each direction. The weights of a pixel are divided by their sum, and at the edges the kernel is cut
+ * off.
+ *
+ * Mind one limit that callers rely on and that therefore stays: each weight of less than 2.3e-16 makes the sum of its
+ * pixel end one source pixel earlier, at the right or lower end, even where it stands elsewhere; the sum comes out too
+ * dark or too bright then. With KVTI_FILTER_CATMULLROM and KVTI_FILTER_LANCZOS3 there are weights of 0 where a side
+ * keeps its length or becomes a whole odd number of times as long or short, and the last pixels of that side come out
+ * black. A scale that is smaller by one part in 10^12, which the functions by scale take, has none and gives the same
+ * size.
  *
  * Integers are rounded by adding 0.5 and cutting off the fraction, then cut to the range of their type; floating-point
  * numbers are cut to the largest finite values. Samples have 8, 16, 32 or 64 bits: KVTI_SAMPLEFORMAT_UINT and _INT,
@@ -429,21 +437,24 @@ KVTILEIMAGE_API TileImageHandle* KvTileImage_VerticalMirror(TileImageHandle* ima
  * when the first row is computed; where the result has the size of the source, rows of any format are copied.
  *
  * The source rectangle is pixels [x1, x2) of rows [y1, y2). It may not be empty nor reach beyond the width of the
- * image. It may reach below the image, but rows that need pixels from there cannot be computed. */
+ * image. It may reach below the image: rows that need pixels from there cannot be computed, or, where the result has
+ * the size of the source, are left 0, which counts as success. */
 
-/* Writes the whole source, or its rectangle, into all of `destination`, an image of the same samplesPerPixel and
- * bitsPerSample that gives the size. Rectangles of 4096 rows and 67,108,864 samples or more are worked on by several
- * threads, which all end before the call does. False, with a logged reason, for a null handle, a filter or a rectangle
- * that is refused, images that do not fit each other, without memory, or if a row cannot be read or written:
- * the destination is partly written then. Neither image may be written to by others meanwhile. */
+/* Writes the whole source, or its rectangle, into all of `destination`, another image of the same samplesPerPixel and
+ * bitsPerSample, whose size is that of the result; its sample format is not looked at. Rectangles of 4096 rows and
+ * 67,108,864 samples or more are worked on by several threads, which all end before the call does. False without a
+ * message for a null handle, and, with a logged reason, for a filter or a rectangle that is refused, images that do not
+ * fit each other, without memory, or if a row cannot be read or written: the destination is partly written then.
+ * Neither image may be written to by others meanwhile. */
 KVTILEIMAGE_API bool KvTileImage_Rescale(TileImageHandle* source, TileImageHandle* destination,
                                          uint32_t filter) KVTILEIMAGE_NOEXCEPT;
 KVTILEIMAGE_API bool KvTileImage_RescaleEx(TileImageHandle* source, uint32_t x1, uint32_t y1, uint32_t x2, uint32_t y2,
                                            TileImageHandle* destination, uint32_t filter) KVTILEIMAGE_NOEXCEPT;
 
 /* Prepares `image` to deliver its rectangle in another size, row by row: dstWidth * dstHeight pixels, or by scale,
- * trunc(size * scale + 0.5) pixels each way. What an earlier Begin prepared is replaced, unless this one fails: false,
- * with a logged reason, for a null handle, samples of other than 8, 16, 32 and 64 bits, an unknown filter, a rectangle
+ * trunc(size * scale + 0.5) pixels each way. Source rows are held while they are needed: the image must not be written
+ * to until End. What an earlier Begin prepared is replaced, unless this one fails: false without a message for a null
+ * handle, and, with a logged reason, for samples of other than 8, 16, 32 and 64 bits, an unknown filter, a rectangle
  * that is refused, scales that are not finite and above 0, a result without pixels or with sides beyond 32 bits, and
  * without memory. One thread at a time may stream from an image this way. */
 KVTILEIMAGE_API bool KvTileImage_BeginRescaleRowScanline(TileImageHandle* image, uint32_t x1, uint32_t y1, uint32_t x2,

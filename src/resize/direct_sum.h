@@ -1,4 +1,4 @@
-// The sum that every rescaled sample is, computed as it is defined: the plain loops that results are held against.
+// The sum that every rescaled sample is, computed in the order in which it is defined.
 #pragma once
 
 #include <cstdint>

@@ -156,11 +156,8 @@ bool ResizeEngine::usesThreads(const core::PixelFormat& format, const Rectangle&
 }
 
 bool ResizeEngine::scale(TileImage& srcImage, const Rectangle& source, TileImage& dstImage, std::uint32_t filter) {
-  if (!sameLayout(srcImage, dstImage)) {
-    return false;
-  }
   auto engine = ScanlineResizeEngine::__create(srcImage, source, dstImage.width(), dstImage.height(), filter);
-  if (engine == nullptr) {
+  if (engine == nullptr || !sameLayout(srcImage, dstImage)) {
     return false;
   }
   SharedDestination destination(dstImage);

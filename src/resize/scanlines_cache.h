@@ -41,7 +41,7 @@ class ScanlinesCache {
   static std::unique_ptr<ScanlinesCache> createRowScanlinesCache(core::TileImage& tileImage, std::uint32_t offset0,
                                                                  std::uint32_t offset1);
 
-  // Makes rows [begin, end) the ones that are held, and reads those of them that were not. False, with a logged reason,
+  // Makes sure that rows [begin, end) are held, and reads those of them that are not. False, with a logged reason,
   // if one cannot be read: rows before it are held then. Throws std::bad_alloc and std::length_error.
   bool load(std::uint32_t begin, std::uint32_t end);
 

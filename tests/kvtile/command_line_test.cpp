@@ -300,7 +300,7 @@ TEST_F(CommandLineTest, NamesTheBudgetThatWouldDo) {
   result = sandbox_.kvtile({"rotate", "90", "--storage", "memory", "--budget", "128M", "big.png", "out.png"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.err,
-            "kvtile: big.png: the image and its turned copy need 32 MB of memory; "
+            "kvtile: big.png: the image and its copy need 32 MB of memory; "
             "run again with --budget 192M, or with --storage file\n");
   EXPECT_THAT(sandbox_.names(), testing::ElementsAre("big.png", "in.png"));
   const auto inMemory = [this](std::vector<std::string> command, const char* budget, const char* output) {

@@ -39,10 +39,11 @@ std::vector<std::string> commandWith(const std::string& phase) {
   return command;
 }
 
-// Starts work on in.png and sends `signal` once the terminal shows `phase`.
-Attempt stopDuring(const Sandbox& sandbox, const std::string& phase, int signal) {
+// Starts `command` and sends `signal` once the terminal shows `phase`.
+Attempt stopDuring(const Sandbox& sandbox, const std::vector<std::string>& command, const std::string& phase,
+                   int signal) {
   Terminal terminal;
-  Process process(commandWith(phase), sandbox.folder(), terminal.slave());
+  Process process(command, sandbox.folder(), terminal.slave());
   EXPECT_TRUE(terminal.waitFor(phase));
   process.send(signal);
   Attempt attempt;
@@ -62,10 +63,10 @@ TEST_P(InterruptionTest, StopsWithOneLineAndLeavesNothing) {
   const auto [phase, signal] = GetParam();
   const Sandbox sandbox;
   support::writePng(sandbox.path("in.png"), support::pngOf(pattern(3600, 3600, 3, 16)));
-  Attempt attempt = stopDuring(sandbox, phase, signal);
+  Attempt attempt = stopDuring(sandbox, commandWith(phase), phase, signal);
   for (int again = 1; again < kAttempts && attempt.result.status == 0; ++again) {
     ASSERT_EQ(std::remove(sandbox.path("out.png").c_str()), 0);
-    attempt = stopDuring(sandbox, phase, signal);
+    attempt = stopDuring(sandbox, commandWith(phase), phase, signal);
   }
   EXPECT_EQ(attempt.result.signal, 0);
   EXPECT_EQ(attempt.result.status, 1);
@@ -90,11 +91,26 @@ TEST(InterruptionTest, ReadingIsStoppedBeforeTurningBegins) {
   support::writePng(sandbox.path("in.png"), support::pngOf(pattern(3600, 3600, 3, 16)));
   bool stopped = false;
   for (int number = 0; number < kAttempts && !stopped; ++number) {
-    const Attempt attempt = stopDuring(sandbox, "reading", SIGINT);
+    const Attempt attempt = stopDuring(sandbox, commandWith("reading"), "reading", SIGINT);
     stopped = attempt.result.status == 1 && attempt.text.find("turning") == std::string::npos;
     std::remove(sandbox.path("out.png").c_str());
   }
   EXPECT_TRUE(stopped);
+}
+
+// The picture would be 57,600 pixels wide and high and take minutes: the threads that make its rows stop as well.
+TEST(InterruptionTest, ThreadsThatResizeAreStopped) {
+  const Sandbox sandbox;
+  support::writePng(sandbox.path("in.png"), support::pngOf(pattern(3600, 3600, 3, 16)));
+  for (const char* threads : {"1", "3"}) {
+    const Attempt attempt =
+        stopDuring(sandbox, {KVTILE_PROGRAM, "resize", "--scale", "16", "--threads", threads, "in.png", "out.tif"},
+                   "writing", SIGINT);
+    EXPECT_EQ(attempt.result.status, 1);
+    EXPECT_THAT(attempt.screen,
+                ElementsAre("kvtile: out.tif: interrupted before it was complete; run the command again to make it"));
+    EXPECT_THAT(sandbox.names(), ElementsAre("in.png"));
+  }
 }
 
 // nohup ignores the hang-up on the program's behalf.

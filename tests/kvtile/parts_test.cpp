@@ -262,18 +262,18 @@ TEST(StorageTest, AutomaticKeepsInMemoryWhatFitsTheBudget) {
   EXPECT_FALSE(Storage(64 * kMebibyte, Placement::Automatic).keepsInMemory(whole));
   EXPECT_TRUE(Storage(64 * kMebibyte, Placement::Automatic).keepsInMemory(smaller));
   EXPECT_TRUE(Storage(64 * kMebibyte + 1, Placement::Automatic).keepsInMemory(whole));
-  EXPECT_FALSE(Storage(64 * kMebibyte, Placement::Automatic).keepsTurnedInMemory(smaller));
-  EXPECT_FALSE(Storage(72 * kMebibyte, Placement::Automatic).keepsTurnedInMemory(whole));
-  EXPECT_TRUE(Storage(72 * kMebibyte + 1, Placement::Automatic).keepsTurnedInMemory(whole));
-  EXPECT_TRUE(Storage(71 * kMebibyte, Placement::Automatic).keepsTurnedInMemory(smaller));
+  EXPECT_FALSE(Storage(64 * kMebibyte, Placement::Automatic).keepsCopyInMemory(smaller, smaller));
+  EXPECT_FALSE(Storage(72 * kMebibyte, Placement::Automatic).keepsCopyInMemory(whole, whole));
+  EXPECT_TRUE(Storage(72 * kMebibyte + 1, Placement::Automatic).keepsCopyInMemory(whole, whole));
+  EXPECT_TRUE(Storage(71 * kMebibyte, Placement::Automatic).keepsCopyInMemory(smaller, smaller));
 }
 
 TEST(StorageTest, FilesAreForTheImageAndTheBudgetForItsCopy) {
   const Storage storage(64 * kMebibyte, Placement::Files);
   EXPECT_TRUE(storage.forcesFiles());
   EXPECT_FALSE(storage.keepsInMemory(pictureOf(10, 10, 1, 8)));
-  EXPECT_TRUE(storage.keepsTurnedInMemory(pictureOf(1024, 8064, 1, 8)));
-  EXPECT_FALSE(storage.keepsTurnedInMemory(pictureOf(1024, 8192, 1, 8)));
+  EXPECT_TRUE(storage.keepsCopyInMemory(pictureOf(1024, 8064, 1, 8), pictureOf(1024, 8064, 1, 8)));
+  EXPECT_FALSE(storage.keepsCopyInMemory(pictureOf(1024, 8192, 1, 8), pictureOf(1024, 8192, 1, 8)));
 }
 
 TEST(StorageTest, OnlyMemoryHasToHoldTheImages) {

@@ -1,18 +1,28 @@
 // Pictures in other sizes, sample by sample against the sum that defines them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <initializer_list>
+#include <map>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "../support/rescale_model.h"
+#include "console.h"
+#include "errors.h"
+#include "image.h"
+#include "library_messages.h"
 #include "resizing.h"
+#include "result_rows.h"
 #include "support/pngs.h"
 #include "support/sandbox.h"
 #include "support/tiffs.h"
@@ -83,6 +93,23 @@ Raster cropped(const Raster& raster, std::uint32_t x, std::uint32_t y, std::uint
   return result;
 }
 
+// The files of this process's images, tile by tile.
+std::vector<std::string> backingFiles() {
+  const std::string prefix = "process_" + std::to_string(getpid()) + "_";
+  std::map<unsigned long, std::string> files;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(std::getenv("XDG_DATA_HOME"))) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with(prefix)) {
+      files[std::stoul(name.substr(prefix.size()))] = entry.path().string();
+    }
+  }
+  std::vector<std::string> paths;
+  for (const auto& [number, path] : files) {
+    paths.push_back(path);
+  }
+  return paths;
+}
+
 // ---- Lengths
 
 TEST(ProportionalLengthTest, IsRoundedToNearest) {
@@ -98,6 +125,10 @@ TEST(ProportionalLengthTest, IsRoundedToNearest) {
 }
 
 // ---- Samples
+
+std::string alphaNote(const std::string& out) {
+  return "kvtile: " + out + ": colours are blended as they are, those that transparent pixels hide too\n";
+}
 
 struct Size {
   std::uint32_t width;
@@ -202,7 +233,8 @@ TEST_F(ResizeTest, PngGreyAlphaAndDeepSamples) {
   for (const auto& [samples, bits] : {std::pair{1U, 8U}, {1U, 16U}, {2U, 8U}, {3U, 16U}, {4U, 8U}, {4U, 16U}}) {
     const Png source = support::pngOf(pattern(kWidth, kHeight, samples, bits));
     support::writePng(path("in.png"), source);
-    EXPECT_EQ(run(resizeCommand({50, 30}, "in.png", "out.png")), "");
+    const bool alpha = samples == 2 || samples == 4;
+    EXPECT_EQ(run(resizeCommand({50, 30}, "in.png", "out.png")), alpha ? alphaNote("out.png") : "");
     EXPECT_EQ(difference(resized(source.raster, 50, 30), support::readPng(path("out.png")).raster), "");
   }
 }
@@ -283,7 +315,7 @@ TEST_F(ResizeTest, PalettesBecomeColours) {
       source.paletteAlpha = samples == 4 ? std::vector<std::uint8_t>{7, 77} : std::vector<std::uint8_t>{};
       support::writePng(path("in.png"), source);
       for (const char* out : {"out.png", "out.tif"}) {
-        EXPECT_EQ(run(resizeCommand({50, 60}, "in.png", out)), "");
+        EXPECT_EQ(run(resizeCommand({50, 60}, "in.png", out)), samples == 4 ? alphaNote(out) : "");
         const Raster made =
             out == std::string("out.png") ? support::readPng(path(out)).raster : support::readTiff(path(out)).raster;
         EXPECT_EQ(difference(resized(colours(source, samples), 50, 60), made), "") << bits << ", " << samples;
@@ -306,6 +338,31 @@ TEST_F(ResizeTest, NarrowPalettesOfTiffsAreSpread) {
   support::writeTiff(path("in.tif"), source);
   run(resizeCommand({50, 60}, "in.tif", "out.tif"));
   EXPECT_EQ(difference(resized(colours(same, 3), 50, 60), support::readTiff(path("out.tif")).raster), "");
+}
+
+TEST_F(ResizeTest, StrongShrinkingIsTold) {
+  support::writePng(path("in.png"), support::pngOf(pattern(1000, 99, 1, 8)));
+  const auto said = [this](const char* width, const char* height) {
+    return run({"resize", "--width", width, "--height", height, "--force", "in.png", "out.png"});
+  };
+  const char* const note =
+      "kvtile: out.png: each pixel is made of the 100 nearest ones in each direction, which are not all that it stands "
+      "for\n";
+  EXPECT_EQ(said("11", "2"), "");
+  EXPECT_EQ(said("10", "2"), note);
+  EXPECT_EQ(said("11", "1"), note);
+}
+
+TEST_F(ResizeTest, PalettesAndTheirColoursCountBoth) {
+  support::writePng(path("in.png"), support::palettePng(pattern(1000, 1000, 1, 8)));
+  // 24 million bits and 3 MB beside them.
+  EXPECT_THAT(run({"resize", "--width", "10", "--stats", "in.png", "out.png"}),
+              HasSubstr("stats: image kept in memory, its copy in colours in memory, peak"));
+  std::remove(path("out.png").c_str());
+  support::writePng(path("in.png"), support::palettePng(pattern(4000, 4000, 1, 8)));
+  EXPECT_EQ(refusal({"--width", "50", "--storage", "memory", "--budget", "192M"}, "in.png", "out.png"),
+            "kvtile: in.png: the image and its copy need 96 MB of memory; run again with --budget 448M, or with "
+            "--storage file\n");
 }
 
 TEST_F(ResizeTest, TransparentColoursAreNotBlendedAndTheUserIsTold) {
@@ -380,6 +437,40 @@ TEST_F(ResizeTest, AnyNumberOfThreadsMakesTheSame) {
   }
   EXPECT_EQ(made({"--threads", "4", "--storage", "file"}), one);
   EXPECT_EQ(made({}), one);
+}
+
+// Tiles of 4096 rows, one in a file each. Without the file of the first or of the last, some thread's rows cannot be
+// made, at once or after others that could.
+TEST(ResultRowsTest, AThreadThatFailsEndsTheWork) {
+  kvtile::Picture picture;
+  picture.width = 64;
+  picture.height = 12000;
+  kvtile::Resizing resizing;
+  resizing.area = {0, 0, picture.width, picture.height};
+  resizing.scales = true;
+  resizing.picture = picture.resized(60000, 600);
+  resizing.threads = 3;
+  kvtile::Console console(false, true);
+  kvtile::LibraryMessages messages(console);
+  const kvtile::Storage storage(0, kvtile::Placement::Files);
+  for (const bool first : {true, false}) {
+    kvtile::Image image("in.tif", picture, storage, messages);
+    const std::vector<std::string> tiles = backingFiles();
+    ASSERT_EQ(tiles.size(), 3U);
+    ASSERT_EQ(std::remove((first ? tiles.front() : tiles.back()).c_str()), 0);
+    const auto rows = kvtile::makeResultRows(image, resizing);
+    std::uint32_t made = 0;
+    try {
+      for (; made < 600; ++made) {
+        rows->next();
+      }
+    } catch (const kvtile::Failure& failure) {
+      EXPECT_THAT(failure.what(), testing::StartsWith("in.tif: row "));
+      EXPECT_THAT(failure.what(), HasSubstr(" of the new size cannot be made ("));
+    }
+    EXPECT_LT(made, 600U);
+    EXPECT_EQ(made == 0, first) << made;
+  }
 }
 
 TEST_F(ResizeTest, MoreThreadsThanRows) {

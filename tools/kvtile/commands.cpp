@@ -103,7 +103,11 @@ Plan makePlan(const TransformRequest& request, FileFormat format, Reader& reader
   }
   plan.resizing = planResizing(request.input, request.output, plan.toning.picture, request.resize);
   plan.delivery = planDelivery(plan.resizing.picture, format, request.output);
-  storage.require(request.input, plan.held, !plan.turn.isIdentity());
+  if (plan.resizing.expandsPalette) {
+    storage.require(request.input, plan.upright.withoutPalette(), true);
+  } else {
+    storage.require(request.input, plan.held, !plan.turn.isIdentity());
+  }
   return plan;
 }
 
@@ -119,6 +123,13 @@ void write(Image& image, const Resizing& resizing, const Delivery& delivery, Wri
   Progress::check();
 }
 
+// The library's kernels end after so many pixels.
+bool shrinksBeyondWindow(const Resizing& resizing) {
+  constexpr std::uint64_t kWindow = 98;
+  return resizing.area.width > kWindow * resizing.picture.width ||
+         resizing.area.height > kWindow * resizing.picture.height;
+}
+
 void tellOfPlan(const TransformRequest& request, const Plan& plan, Console& console) {
   for (const std::string& note : plan.toning.notes) {
     console.note(request.input + ": " + note);
@@ -128,6 +139,14 @@ void tellOfPlan(const TransformRequest& request, const Plan& plan, Console& cons
   }
   if (plan.delivery.picture.colourKey && plan.resizing.scales) {
     console.note(request.output + ": only pixels that have the transparent colour exactly are transparent");
+  }
+  const std::vector<Extra>& extras = plan.resizing.picture.extras;
+  if (plan.resizing.scales && std::find(extras.begin(), extras.end(), Extra::StraightAlpha) != extras.end()) {
+    console.note(request.output + ": colours are blended as they are, those that transparent pixels hide too");
+  }
+  if (plan.resizing.scales && shrinksBeyondWindow(plan.resizing)) {
+    console.note(request.output + ": each pixel is made of the 100 nearest ones in each direction, which are not all " +
+                 "that it stands for");
   }
   if (plan.delivery.picture.colourKey && widensColourKey(plan.upright, plan.toning)) {
     console.note(request.output + ": other colours became the transparent one, so that more pixels may be transparent");
@@ -175,13 +194,24 @@ void tellOfOtherPages(Reader& reader, const std::string& input, Console& console
   }
 }
 
-// "stats: image kept in memory, its turned copy in files, peak memory 12.3 MB, 4.5 s".
-std::string statsText(const Storage& storage, const Picture& held, bool turning, std::chrono::duration<double> time) {
-  const auto place = [](bool inMemory) { return std::string(inMemory ? "memory" : "files"); };
-  std::string text = "stats: image kept in " + place(storage.keepsInMemory(held));
-  if (turning) {
-    text += ", its turned copy in " + place(storage.keepsTurnedInMemory(held));
+std::string placeName(bool inMemory) { return inMemory ? "memory" : "files"; }
+
+std::string describePlaces(const Storage& storage, const Plan& plan) {
+  std::string text = "image kept in " + placeName(storage.keepsInMemory(plan.held));
+  if (!plan.turn.isIdentity()) {
+    text += ", its turned copy in " + placeName(storage.keepsCopyInMemory(plan.held, plan.upright));
   }
+  if (plan.resizing.expandsPalette) {
+    const Picture colours = plan.upright.withoutPalette();
+    text += ", its copy in colours in " + placeName(storage.keepsCopyInMemory(plan.upright, colours));
+  }
+  return text;
+}
+
+// "stats: image kept in memory, its turned copy in files, peak memory 12.3 MB, 4.5 s".
+std::string statsText(const std::string& places, std::chrono::steady_clock::time_point start) {
+  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
+  std::string text = "stats: " + places;
   std::array<char, 80> numbers = {};
   std::snprintf(numbers.data(), numbers.size(), ", peak memory %.1f MB, %.1f s",
                 static_cast<double>(system::peakMemoryBytes()) / 1e6, time.count());
@@ -230,7 +260,7 @@ void transform(const TransformRequest& request, Console& console) {
   output.commit();
   console.showNotes();
   if (request.showStats) {
-    console.report(statsText(storage, plan.held, turning, std::chrono::steady_clock::now() - start));
+    console.report(statsText(describePlaces(storage, plan), start));
   }
 }
 
@@ -261,7 +291,7 @@ void drawHistogram(const Request& request, Console& console) {
   output.commit();
   console.showNotes();
   if (request.showStats) {
-    console.report(statsText(storage, held, false, std::chrono::steady_clock::now() - start));
+    console.report(statsText("image kept in " + placeName(storage.keepsInMemory(held)), start));
   }
 }
 

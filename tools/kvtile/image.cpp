@@ -41,6 +41,12 @@ std::uint64_t bitsOf(const Picture& picture) {
   return pixelBits(picture.width, picture.height, picture.pixels.bitsPerPixel()).value_or(UINT64_MAX);
 }
 
+// What an image takes of the heap.
+std::uint64_t heldBytes(const Picture& picture) {
+  const std::uint64_t groupBytes = picture.pixels.bitsPerPixel();  // eight pixels
+  return roundUp(picture.width, 8) / 8 * groupBytes * picture.height;
+}
+
 std::string roomAdvice(bool inMemory, std::uint64_t budgetForMemory) {
   if (inMemory) {
     return "close other programs, or run again with --storage file";
@@ -96,13 +102,11 @@ std::optional<std::uint64_t> Storage::budgetFor(const Picture& picture, unsigned
   if (bits > UINT64_MAX / 4) {
     return std::nullopt;
   }
-  const std::uint64_t groupBytes = picture.pixels.bitsPerPixel();  // eight pixels
-  const std::uint64_t imageBytes = roundUp(picture.width, 8) / 8 * groupBytes * picture.height;
-  return bits + (images - 1) * imageBytes + 1;
+  return bits + (images - 1) * heldBytes(picture) + 1;
 }
 
-void Storage::require(const std::string& file, const Picture& picture, bool turning) const {
-  const unsigned images = turning ? 2 : 1;
+void Storage::require(const std::string& file, const Picture& picture, bool copying) const {
+  const unsigned images = copying ? 2 : 1;
   const auto needed = budgetFor(picture, images);
   if (!needed) {
     throw Failure(file, "the image is larger than any memory or disk", "cut it into parts first");
@@ -110,16 +114,18 @@ void Storage::require(const std::string& file, const Picture& picture, bool turn
   if (placement_ != Placement::Memory || fitsBudget(picture, images)) {
     return;
   }
-  const std::string subject = turning ? "the image and its turned copy need " : "the image needs ";
+  const std::string subject = copying ? "the image and its copy need " : "the image needs ";
   throw Failure(file, subject + megabytes(bitsOf(picture) / 8 * images) + " of memory",
                 "run again with --budget " + budgetText(*needed) + ", or with --storage file");
 }
 
 bool Storage::keepsInMemory(const Picture& picture) const { return !forcesFiles() && fitsBudget(picture, 1); }
 
-bool Storage::keepsTurnedInMemory(const Picture& picture) const {
+bool Storage::keepsCopyInMemory(const Picture& picture, const Picture& copy) const {
   // An image in files leaves the budget to its copy.
-  return fitsBudget(picture, keepsInMemory(picture) ? 2 : 1);
+  const auto alone = budgetFor(copy, 1);
+  const std::uint64_t used = keepsInMemory(picture) ? heldBytes(picture) : 0;
+  return alone && (*alone + used <= budget_ || bitsOf(copy) <= kSmallImageBits);
 }
 
 std::string Storage::adviceForImage(const Picture& picture) const {
@@ -127,7 +133,7 @@ std::string Storage::adviceForImage(const Picture& picture) const {
 }
 
 std::string Storage::adviceForTurned(const Picture& picture) const {
-  return roomAdvice(keepsTurnedInMemory(picture), budgetFor(picture, 2).value_or(UINT64_MAX));
+  return roomAdvice(keepsCopyInMemory(picture, picture), budgetFor(picture, 2).value_or(UINT64_MAX));
 }
 
 bool Storage::fitsBudget(const Picture& picture, unsigned images) const {

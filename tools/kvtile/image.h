@@ -36,18 +36,18 @@ class Storage {
   // Nothing if it does not fit 64 bits.
   static std::optional<std::uint64_t> budgetFor(const Picture& picture, unsigned images);
 
-  // Throws a Failure that names `file` unless the image of `picture`, and for turning it a second one, may be made: no
+  // Throws a Failure that names `file` unless the image of `picture`, and with `copying` a second one, may be made: no
   // image may be larger than what can be counted, and where the user wants memory all of them have to fit the budget.
   // To be asked before the work starts.
-  void require(const std::string& file, const Picture& picture, bool turning) const;
+  void require(const std::string& file, const Picture& picture, bool copying) const;
 
   // Whether the library is told to use files whatever its budget says. It can be told so for new images only: the
   // copies that it makes follow the budget.
   bool forcesFiles() const { return placement_ == Placement::Files; }
 
-  // Where the library keeps the image of `picture`, and its turned copy beside it.
+  // Where the library keeps the image of `picture`, and the image of `copy`, made of it, beside it.
   bool keepsInMemory(const Picture& picture) const;
-  bool keepsTurnedInMemory(const Picture& picture) const;
+  bool keepsCopyInMemory(const Picture& picture, const Picture& copy) const;
 
   // What to do where the library finds no room for the image of `picture`, or for its turned copy.
   std::string adviceForImage(const Picture& picture) const;
@@ -67,6 +67,9 @@ class Image {
   // An image with `picture`'s size, format and resolution, all samples zero, kept where `storage` says. `messages` has
   // to outlive it.
   Image(const std::string& file, const Picture& picture, const Storage& storage, LibraryMessages& messages);
+
+  // The file that it was made for.
+  const std::string& file() const { return file_; }
 
   std::uint32_t width() const { return KvTileImage_GetWidth(handle_.get()); }
   std::uint32_t height() const { return KvTileImage_GetHeight(handle_.get()); }

@@ -167,7 +167,9 @@ void addResize(CLI::App& app, Options& options) {
       "Filters: lanczos3 and catmull-rom are the sharpest and leave faint ripples beside edges, bicubic is softer "
       "with\n"
       "hardly any, bilinear and bspline have none, and bspline is the softest. box takes plain means and, enlarging,\n"
-      "repeats pixels. A part without another size is copied as it is. Pictures with a palette come out in colours. "
+      "repeats pixels. No filter reaches over more than 100 pixels: shrink further in two steps. A part without "
+      "another\n"
+      "size is copied as it is. Pictures with a palette come out in colours. Each thread holds some rows in memory. "
       "The\n"
       "resolution (dpi) stays as it is, so that the picture is printed larger or smaller.");
 }

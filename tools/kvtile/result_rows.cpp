@@ -5,23 +5,23 @@
 #include <chrono>
 #include <exception>
 #include <semaphore>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "errors.h"
 #include "progress.h"
 
 namespace kvtile {
 namespace {
 
-using std::chrono_literals::operator""ms;
-
 // What a band may take. Each band begins by reading the rows under its kernel that the band before it has read too, so
 // that narrow ones would read much twice.
 constexpr std::uint64_t kBandBytes = std::uint64_t{4} << 20;
 constexpr std::uint64_t kFewestBandRows = 16;
-constexpr std::uint32_t kBandsPerThread = 2;  // one is written while the other is made
-constexpr auto kPatience = 100ms;             // between looks at whether to stop
+constexpr std::uint32_t kBandsPerThread = 2;         // one is written while the other is made
+constexpr std::chrono::milliseconds kPatience(100);  // between looks at whether to stop
 
 // The pixels of the area as they are.
 class CroppedRows : public ResultRows {
@@ -95,7 +95,7 @@ class BandMaker {
     while (!made_.try_acquire_for(kPatience)) {
       Progress::check();
     }
-    if (failure_ != nullptr) {
+    if (failed_) {
       std::rethrow_exception(failure_);
     }
     return buffers_[taken_++ % kBandsPerThread];
@@ -118,6 +118,7 @@ class BandMaker {
       }
     } catch (...) {
       failure_ = std::current_exception();
+      failed_ = true;
       made_.release();
     }
     image_.endThread();
@@ -137,7 +138,8 @@ class BandMaker {
   RowScaler scaler_;
   std::vector<std::uint8_t> buffers_[kBandsPerThread];
   std::uint32_t taken_ = 0;
-  std::exception_ptr failure_;  // set before made_ tells of it
+  std::exception_ptr failure_;  // set before failed_ tells of it
+  std::atomic<bool> failed_ = false;
   std::atomic<bool> stopped_ = false;
   std::counting_semaphore<> free_{kBandsPerThread};
   std::counting_semaphore<> made_{0};
@@ -150,6 +152,7 @@ class ParallelRows : public ResultRows {
   ParallelRows(Image& image, const Resizing& resizing) : bands_(resizing.picture, resizing.threads) {
     const std::uint32_t makers = std::min(resizing.threads, bands_.count());
     for (std::uint32_t i = 0; i < makers; ++i) {
+      Progress::check();
       makers_.push_back(std::make_unique<BandMaker>(image, resizing, bands_, i, makers));
     }
   }
@@ -189,7 +192,11 @@ std::unique_ptr<ResultRows> makeResultRows(Image& image, const Resizing& resizin
   if (resizing.threads == 1) {
     return std::make_unique<RescaledRows>(image, resizing);
   }
-  return std::make_unique<ParallelRows>(image, resizing);
+  try {
+    return std::make_unique<ParallelRows>(image, resizing);
+  } catch (const std::system_error&) {
+    throw Failure(image.file(), "the system starts no more threads", "run again with fewer --threads");
+  }
 }
 
 }  // namespace kvtile
