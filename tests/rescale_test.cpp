@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -618,7 +619,7 @@ class LargeImageTest : public testing::Test {
     return two ? std::vector<std::uint32_t>{3072, 5000} : std::vector<std::uint32_t>{2048, 4096, 5000};
   }
 
-  static long count(const support::LogLines& lines, int severity, const std::string& text) {
+  static std::ptrdiff_t count(const support::LogLines& lines, int severity, const std::string& text) {
     return std::count(lines.begin(), lines.end(), LogLine{severity, text});
   }
 
@@ -645,7 +646,7 @@ TEST_F(LargeImageTest, TakesSeveralThreads) {
     EXPECT_EQ(count(lines, ember_logger::trace, done.str()), 1);
   }
   EXPECT_EQ(count(lines, ember_logger::trace, "[ScanlineResizeEngine::scaleRow] scale Row index:0"),
-            static_cast<long>(ends.size()));
+            static_cast<std::ptrdiff_t>(ends.size()));
   // The first and the last row of each section, and some in between.
   for (const std::uint32_t y : {0U, 1U, 777U, 2047U, 2048U, 3071U, 3072U, 4095U, 4096U, 4998U, 4999U}) {
     ASSERT_EQ(rowOf(result_, y), support::rescaledRowModel(model_, 0, 0, kWidth, kHeight, 3.0 / kWidth,
