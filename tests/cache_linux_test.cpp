@@ -18,6 +18,7 @@
 #include "cache/file_mapping_file_path_helper.h"
 #include "cache/json_helper.h"
 #include "platform/utf8.h"
+#include "storage/clean_up.h"
 #include "support/cache_folders.h"
 #include "support/log_capture.h"
 #include "support/scratch_folder.h"
@@ -189,7 +190,7 @@ TEST(ProcessWideCacheTest, IsOneForAllThreads) {
   std::vector<std::shared_ptr<FileMappingDirHelper>> found(4);
   std::vector<std::thread> threads;
   for (auto& helper : found) {
-    threads.emplace_back([&helper] { helper = FileMappingDirHelper::instance(); });
+    threads.emplace_back([&helper] { helper = storage::cacheFolders(); });
   }
   for (auto& thread : threads) {
     thread.join();

@@ -22,12 +22,12 @@
 #include <unistd.h>
 #endif
 
-#include "cache/file_mapping_dir_helper.h"
 #include "cache/file_mapping_file_path_helper.h"
 #include "core/tile_image.h"
 #include "core/tile_manager.h"
 #include "kvtileimage/KvTileImage.h"
 #include "platform/threads.h"
+#include "storage/clean_up.h"
 #include "storage/file_mapping_block.h"
 #include "storage/file_mapping_storage_strategy.h"
 #include "storage/file_mapping_thread_data.h"
@@ -255,7 +255,7 @@ TEST(FileStorageTest, TracesItsFlusher) {
 
 // A process that had this one's id may have left it, or still have it in use in another container.
 TEST(FileStorageTest, MakesNoFileOverOneThatIsThere) {
-  const auto& folders = cache::FileMappingDirHelper::instance()->rootDirList();
+  const auto& folders = storage::cacheFolders()->rootDirList();
   const auto last = cache::FileMappingFilePathHelper::getUniqueFileInfo(folders.front());
   ASSERT_TRUE(last);
   std::vector<std::filesystem::path> others;

@@ -132,8 +132,62 @@ KVTILEIMAGE_API TileImageHandle* KvTileImage_Alloc(uint32_t width, uint32_t heig
                                                    uint8_t bForceUseFileMapping) KVTILEIMAGE_NOEXCEPT;
 
 /* Releases the image and its storage. Null is ignored. The handle is invalid afterwards; releasing it a second time
- * is an error of the caller that the library cannot detect. */
+ * is an error of the caller that the library cannot detect. A shared image goes with its last holder; see below. */
 KVTILEIMAGE_API void KvTileImage_Unload(TileImageHandle* image) KVTILEIMAGE_NOEXCEPT;
+
+/* ---- Shared images ---------------------------------------------------------------------------------------------- */
+
+/* A shared image is held by several processes of one user at the same time, and by any number of handles in each. All
+ * see the same pixels: what one writes, the others read at once. Every function takes its handles. Only the resolution
+ * (dpi) is each handle's own, and keeping readers and writers of the same pixels apart is up to the programs.
+ *
+ * It goes by an identifier, a UTF-8 text that the programs agree on. The identifier becomes a part of file names: use
+ * what a file name can hold. Slashes make folders ("scans/page-1"); an identifier that begins with a slash, a backslash
+ * or a drive letter, or has a component "..", counts as empty and is refused.
+ *
+ * The image is always kept in files. They are deleted when its last handle is released, in whichever process: the one
+ * that made it may go first. A process that is killed, or ends without releasing, holds the image no longer; if it was
+ * the last one, the image can still be attached to until a program that uses the library removes it at its start.
+ * docs/files-on-disk.md tells what is kept where.
+ *
+ * These functions, and the release of a shared image, work on one image at a time for all processes of the user. They
+ * fail, with a logged reason, if another process does not get done within 30 seconds; a release goes ahead then. */
+
+/* Makes a shared image of width * height pixels, all samples zero, at 72 dpi. If there is one of that identifier with
+ * the same five values from width to sampleformat, attaches to it instead, with the pixels that it has. If there is one
+ * with other values, makes a new one, which those who attach later get; who holds the old one keeps it. (That, or files
+ * that are missing, is logged as a warning; that there was none before, as errors of the reading functions.)
+ *   sampleformat        as for KvTileImage_AllocEx
+ *   scanlineOperation   shapes the tiles, as for KvTileImage_AllocEx; those who attach get _ROWCOL
+ * Returns the image, or null if the identifier is null, empty or refused, if one of the four sizes is 0 or their
+ * product is a multiple of 2^32 (65536 x 65536 pixels of 8 bits, for example), or if the storage cannot be had. */
+KVTILEIMAGE_API TileImageHandle* KvTileImage_InterprocessA_AllocEx(const char* interprocessTileImageId, uint32_t width,
+                                                                   uint32_t height, uint32_t samplesPerPixel,
+                                                                   uint32_t bitsPerSample, uint32_t sampleformat,
+                                                                   uint32_t scanlineOperation) KVTILEIMAGE_NOEXCEPT;
+
+/* KvTileImage_InterprocessA_AllocEx with KVTI_SCANLINE_OPERATION_ROWCOL. */
+KVTILEIMAGE_API TileImageHandle* KvTileImage_InterprocessA_Alloc(const char* interprocessTileImageId, uint32_t width,
+                                                                 uint32_t height, uint32_t samplesPerPixel,
+                                                                 uint32_t bitsPerSample,
+                                                                 uint32_t sampleformat) KVTILEIMAGE_NOEXCEPT;
+
+/* Attaches to the shared image of that identifier. Null if there is none, if its files are not what its descriptor
+ * says, or if the identifier is null, empty or refused. */
+KVTILEIMAGE_API TileImageHandle* KvTileImage_InterprocessB_Alloc(const char* interprocessTileImageId)
+    KVTILEIMAGE_NOEXCEPT;
+
+/* Stores size and format of the shared image of that identifier into the targets that are not null. Holds nothing: the
+ * image may be gone before it is attached to, or have been left by a process that is gone. False, with nothing stored,
+ * if there is no descriptor that can be read, or the identifier is null, empty or refused. */
+KVTILEIMAGE_API bool KvTileImage_InterprocessB_GetInfo(const char* interprocessTileImageId, uint32_t* width,
+                                                       uint32_t* height, uint32_t* samplesPerPixel,
+                                                       uint32_t* bitsPerSample,
+                                                       uint32_t* sampleformat) KVTILEIMAGE_NOEXCEPT;
+
+/* Whether the shared image of that identifier can be attached to. Does so and lets go again: an image that nobody else
+ * holds is gone afterwards. False as KvTileImage_InterprocessB_Alloc is null. */
+KVTILEIMAGE_API bool KvTileImage_Interprocess_IsValid(const char* interprocessTileImageId) KVTILEIMAGE_NOEXCEPT;
 
 /* ---- Properties ------------------------------------------------------------------------------------------------- */
 

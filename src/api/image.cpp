@@ -21,7 +21,12 @@ TileImageHandle* KvTileImage_Alloc(uint32_t width, uint32_t height, uint32_t sam
                              KVTI_SCANLINE_OPERATION_ROWCOL);
 }
 
-void KvTileImage_Unload(TileImageHandle* image) noexcept { delete image; }
+void KvTileImage_Unload(TileImageHandle* image) noexcept {
+  if (image != nullptr) {
+    api::letGo(std::move(image->image));
+    delete image;
+  }
+}
 
 uint32_t KvTileImage_GetWidth(const TileImageHandle* image) noexcept {
   return api::withImage(image, 0U, [](const TileImage& it) { return it.width(); });

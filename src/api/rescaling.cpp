@@ -169,7 +169,13 @@ bool KvTileImage_RescaleRowScanlineEx_ThreadSafe(RescaleEngineHandle* engine, ui
   return true;
 }
 
-void KvTileImage_EndRescaleRowScanline_ThreadSafe(RescaleEngineHandle* engine) noexcept { delete engine; }
+void KvTileImage_EndRescaleRowScanline_ThreadSafe(RescaleEngineHandle* engine) noexcept {
+  if (engine != nullptr) {
+    engine->engine.reset();
+    api::letGo(std::move(engine->image));
+    delete engine;
+  }
+}
 
 uint64_t KvTileImage_WidthAfterRescale_ThreadSafe(const RescaleEngineHandle* engine) noexcept {
   const ScanlineResizeEngine* const held = heldBy(engine);

@@ -7,6 +7,7 @@
 
 #include "base/log.h"
 #include "core/tile_image.h"
+#include "interprocess/sharing_lock.h"
 #include "kvtileimage/KvTileImage.h"
 
 // A heap cell of one pointer. The image is never shared between two handles of this kind; engines that callers hold
@@ -21,6 +22,16 @@ namespace api {
 inline TileImageHandle* wrap(std::unique_ptr<core::TileImage> image) {
   boost::intrusive_ptr<core::TileImage> shared(image.release());
   return shared == nullptr ? nullptr : new (std::nothrow) TileImageHandle{std::move(shared)};
+}
+
+// Gives up one reference to an image; the last one releases it. A shared image waits for its turn among processes, and
+// if that does not come, is let go of all the same.
+inline void letGo(boost::intrusive_ptr<core::TileImage> image) noexcept {
+  if (image == nullptr || !image->isShared()) {
+    return;
+  }
+  const interprocess::SharingLock lock;
+  image.reset();
 }
 
 // The image that a result made from `source` goes into, with the source's format and the given size, all samples zero.

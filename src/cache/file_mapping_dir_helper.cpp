@@ -92,13 +92,14 @@ std::vector<std::wstring> configuredRoots(const rapidjson::Value& list, const st
 
 }  // namespace
 
-std::shared_ptr<FileMappingDirHelper> FileMappingDirHelper::instance() {
+std::shared_ptr<FileMappingDirHelper> FileMappingDirHelper::instance(FindFileUsers findUsers) {
   using Shared = std::shared_ptr<FileMappingDirHelper>;
-  static const Shared& helper = *new Shared(std::make_shared<FileMappingDirHelper>(Host::current()));
+  static const Shared& helper = *new Shared(std::make_shared<FileMappingDirHelper>(Host::current(), findUsers));
   return helper;
 }
 
-FileMappingDirHelper::FileMappingDirHelper(Host host) : host_(std::move(host)) {
+FileMappingDirHelper::FileMappingDirHelper(Host host, FindFileUsers findUsers)
+    : host_(std::move(host)), findUsers_(findUsers) {
   if (!initRootDirList()) {
     base::logger().log(ember_logger::error, "[%s] init failed", "FileMappingDirHelper::FileMappingDirHelper");
   }
@@ -259,6 +260,7 @@ void FileMappingDirHelper::removeLeftovers() const {
   logTrace("[%s] isProcessesExisted begin ----------------!");
   const std::set<std::int32_t> alive = platform::runningProcesses(ids, host_.executableName());
   logTrace("[%s] isProcessesExisted end ----------------!");
+  const auto users = findUsers_ != nullptr ? findUsers_() : nullptr;
   for (const std::wstring& file : files) {
     const auto id = FileMappingFilePathHelper::processIdOf(file);
     if (id && alive.contains(*id)) {
@@ -267,9 +269,9 @@ void FileMappingDirHelper::removeLeftovers() const {
     }
     logTrace(id ? "[%s] pid:%d is dead ----------------!" : "[%s] pid:%d invalid fileMapping path ----------------!",
              id.value_or(0));
-    logTrace(
-        platform::removeUnlessInUse(file) ? "[%s] file:%s is removed!" : "[%s] file:%s is being used by other process!",
-        shownUtf8(file).c_str());
+    const bool removed = (users == nullptr || !users->use(file)) && platform::removeUnlessInUse(file);
+    logTrace(removed ? "[%s] file:%s is removed!" : "[%s] file:%s is being used by other process!",
+             shownUtf8(file).c_str());
   }
 }
 

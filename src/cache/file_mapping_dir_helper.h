@@ -12,17 +12,33 @@
 
 namespace cache {
 
+// Who has files of dead processes in use, where that does not show in the files themselves.
+class FileUsers {
+ public:
+  FileUsers() = default;
+  FileUsers(const FileUsers&) = delete;
+  FileUsers& operator=(const FileUsers&) = delete;
+  virtual ~FileUsers() = default;
+
+  // Whether a process has the backing file in use. One that none has is not taken into use while this object lives.
+  virtual bool use(const std::wstring& file) const = 0;
+};
+
+// Finds them anew; the object lives as long as the clean-up that asks. May throw a std::exception, which ends the
+// clean-up.
+using FindFileUsers = std::unique_ptr<const FileUsers> (*)();
+
 // The cache folders of this program, as the user's configuration file names their roots, and the removal of what dead
 // processes left in them. The folders are settled at construction; any thread may use the rest.
 class FileMappingDirHelper {
  public:
-  // The process's own, made on first use; it is there until the process ends. Throws a std::exception that tells the
-  // reason if it cannot be made; the next use tries again.
-  static std::shared_ptr<FileMappingDirHelper> instance();
+  // The process's own, made on first use with `findUsers`; it is there until the process ends. Throws a std::exception
+  // that tells the reason if it cannot be made; the next use tries again.
+  static std::shared_ptr<FileMappingDirHelper> instance(FindFileUsers findUsers);
 
   // Makes the folders and cleans up. Throws std::filesystem::filesystem_error if the folder of a configured root cannot
   // be made. Without any usable root the list stays empty, with a logged reason.
-  explicit FileMappingDirHelper(Host host);
+  explicit FileMappingDirHelper(Host host, FindFileUsers findUsers = nullptr);
 
   // The cache folders, in the order in which the configuration names their roots; each exists and ends with "/".
   const std::vector<std::wstring>& rootDirList() const { return rootDirList_; }
@@ -57,6 +73,7 @@ class FileMappingDirHelper {
   bool hasRoom(std::size_t index, std::uint64_t fileBytes) const;
 
   Host host_;
+  FindFileUsers findUsers_;
   platform::Stream lockFile_;  // open from the clean-up to the end of the process
   std::vector<std::wstring> rootDirList_;
   bool bAlternateUseDisk_ = true;

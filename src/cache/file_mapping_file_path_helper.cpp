@@ -20,12 +20,20 @@ std::optional<FileMappingFilePathHelper::FileInfo> FileMappingFilePathHelper::ge
   if (folder.empty()) {
     return std::nullopt;
   }
-  const bool ended = folder.ends_with(L'/') || folder.ends_with(L'\\');
-  FileInfo info;
-  info.number = nextNumber++;
-  info.path = (ended ? folder : folder + L'/') + prefix() + std::to_wstring(info.number);
-  info.path += kExtension;
-  return info;
+  const std::uint64_t number = nextNumber++;
+  return FileInfo{filePath(folder, prefix(), kExtension, number), number};
+}
+
+std::wstring FileMappingFilePathHelper::filePath(const std::wstring& folder, std::wstring_view prefix,
+                                                 std::wstring_view extension, std::uint64_t number) {
+  std::wstring path = folder;
+  if (!folder.ends_with(L'/') && !folder.ends_with(L'\\')) {
+    path += L'/';
+  }
+  path += prefix;
+  path += std::to_wstring(number);
+  path += extension;
+  return path;
 }
 
 // Put together anew each time: a forked process has another id.

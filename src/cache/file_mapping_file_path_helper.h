@@ -23,6 +23,10 @@ class FileMappingFilePathHelper {
   // empty.
   static std::optional<FileInfo> getUniqueFileInfo(const std::wstring& folder);
 
+  // The path of the file `number` in `folder`; a "/" comes in between if the folder does not end with one.
+  static std::wstring filePath(const std::wstring& folder, std::wstring_view prefix, std::wstring_view extension,
+                               std::uint64_t number);
+
   // What the names of this process's files begin with.
   static std::wstring prefix();
 

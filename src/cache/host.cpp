@@ -14,10 +14,12 @@ constexpr const wchar_t* kHostCacheRoot = L"KvTileImageFileMappingCaches/";
 
 }  // namespace
 
+std::wstring dataFolder(const std::wstring& userData) { return userData + L"Korvane/KvTileImage/"; }
+
 Host Host::current() { return {platform::executablePath(), platform::localDataFolder()}; }
 
 Host::Host(std::wstring executable, const std::wstring& userData)
-    : executable_(std::move(executable)), dataFolder_(userData + L"Korvane/KvTileImage/") {
+    : executable_(std::move(executable)), dataFolder_(cache::dataFolder(userData)) {
   const std::wstring folder = executable_.substr(0, executable_.rfind(L'/') + 1);
   std::error_code unknown;
   // Another user of the same program may have made the folder there for himself.

@@ -5,6 +5,9 @@
 
 namespace cache {
 
+// The library's folder below the user's folder for the data of programs. Both end with "/".
+std::wstring dataFolder(const std::wstring& userData);
+
 // Paths have "/" between the components; folders end with it.
 class Host {
  public:

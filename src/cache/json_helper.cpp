@@ -6,6 +6,7 @@
 
 #include <array>
 #include <exception>
+#include <optional>
 
 #include "base/log.h"
 #include "platform/files.h"
@@ -22,6 +23,10 @@ constexpr const char* kRead = "JsonHelper::read";
 constexpr const char* kWrite = "JsonHelper::write";
 constexpr unsigned kIndent = 4;
 
+// A document takes several times as much memory as its text. The largest that the library writes, the descriptor of an
+// image of a few million tiles, is smaller.
+constexpr std::size_t kMostBytes = std::size_t{64} << 20;
+
 bool refuseEmpty(const std::wstring& path, const char* function) {
   if (!path.empty()) {
     return false;
@@ -35,11 +40,15 @@ void logFailure(const char* format, const char* function, const std::wstring& pa
   base::logger().log(ember_logger::error, format, function, shownUtf8(path).c_str());
 }
 
-std::string readAll(std::FILE* stream) {
+// The text of a file; nothing if it is larger than any that is read here.
+std::optional<std::string> readAll(std::FILE* stream) {
   std::string text;
   std::array<char, 4096> part{};
   while (const std::size_t count = std::fread(part.data(), 1, part.size(), stream)) {
     text.append(part.data(), count);
+    if (text.size() > kMostBytes) {
+      return std::nullopt;
+    }
   }
   return text;
 }
@@ -60,10 +69,15 @@ bool readDocument(const std::wstring& path, rapidjson::Document& document) {
     logFailure("[%s] jsonFilePath:%s open failed!", kRead, path);
     return false;
   }
-  const std::string text = readAll(stream.get());
-  // Without recursion: a hostile file's brackets would use up the stack.
-  document.Parse<rapidjson::kParseIterativeFlag>(text.data(), text.size());
-  if (document.HasParseError()) {
+  const auto text = readAll(stream.get());
+  if (!text) {
+    base::logger().log(ember_logger::error, "[%s] %s is larger than %llu bytes and no file of this library", kRead,
+                       shownUtf8(path).c_str(), base::ull{kMostBytes});
+  } else {
+    // Without recursion: a hostile file's brackets would use up the stack.
+    document.Parse<rapidjson::kParseIterativeFlag>(text->data(), text->size());
+  }
+  if (!text || document.HasParseError()) {
     logFailure("[%s] jsonFilePath:%s parse failed!", kRead, path);
     return false;
   }

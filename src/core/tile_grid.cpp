@@ -12,6 +12,10 @@ constexpr std::uint64_t kMemoryTileSide = 128;
 constexpr std::uint64_t kWidthAlignment = 8;
 constexpr std::uint64_t kUnalignedBytes = 1;
 
+// Tiles in files are at least half a million pixels each, the last row and column aside. A description with more of
+// them only asks for memory.
+constexpr std::uint64_t kMostDescribedTiles = std::uint64_t{1} << 22;
+
 constexpr std::uint64_t ceilDivide(std::uint64_t value, std::uint64_t divisor) {
   return value / divisor + (value % divisor != 0 ? 1 : 0);
 }
@@ -60,6 +64,21 @@ std::optional<TileGrid> TileGrid::forFileMapping(const PixelFormat& format, std:
   }
   base.width *= samplesPerByte(format);
   base.height *= samplesPerByte(format);
+  return TileGrid(format, width, height, base, granularity);
+}
+
+std::optional<TileGrid> TileGrid::described(const PixelFormat& format, std::uint32_t width, std::uint32_t height,
+                                            const TileGridDescription& description, std::uint64_t granularity) {
+  const BaseSize base{description.tileBaseWidth, description.tileBaseHeight};
+  constexpr std::uint64_t kLongest = std::numeric_limits<std::uint32_t>::max();
+  const bool sizesFit = base.width > 0 && base.width <= kLongest && base.width % kWidthAlignment == 0 &&
+                        base.height > 0 && base.height <= kLongest;
+  if (!sizesFit || description.tileRowCount != ceilDivide(height, base.height) ||
+      description.tileColCount != ceilDivide(width, base.width) ||
+      description.tileRowCount * description.tileColCount > kMostDescribedTiles || granularity == 0 ||
+      !bitsFit(format, width, height)) {
+    return std::nullopt;
+  }
   return TileGrid(format, width, height, base, granularity);
 }
 

@@ -19,6 +19,14 @@ struct TileGeometry {
   std::uint64_t lastColumnValidWidth = 0;
 };
 
+// A grid as another process tells of it.
+struct TileGridDescription {
+  std::uint64_t tileBaseWidth = 0;
+  std::uint64_t tileBaseHeight = 0;
+  std::uint64_t tileRowCount = 0;
+  std::uint64_t tileColCount = 0;
+};
+
 // A grid of tiles of one base size, smaller in the last row and the last column where the image ends earlier.
 class TileGrid {
  public:
@@ -29,6 +37,11 @@ class TileGrid {
   // Nothing for a pattern that is none of the KVTI_SCANLINE_OPERATION_... values either.
   static std::optional<TileGrid> forFileMapping(const PixelFormat& format, std::uint32_t width, std::uint32_t height,
                                                 std::uint32_t scanlineOperation, std::uint64_t granularity);
+
+  // The grid of an image in files that another process has made. Nothing if the description fits no image of this
+  // format and size, or has more tiles than any image that fits a disk.
+  static std::optional<TileGrid> described(const PixelFormat& format, std::uint32_t width, std::uint32_t height,
+                                           const TileGridDescription& description, std::uint64_t granularity);
 
   // Pixels of every tile outside the last column and the last row.
   std::uint64_t tileBaseWidth() const { return tileBaseWidth_; }

@@ -5,10 +5,28 @@
 #include <new>
 
 #include "base/log.h"
+#include "interprocess/tile_image_interprocess_json_helper.h"
+#include "platform/utf8.h"
 
 namespace core {
 
 using base::ull;
+using interprocess::InterprocessTileImageInfo;
+using interprocess::TileImageInterprocessJsonHelper;
+
+namespace {
+
+bool fail(const char* format, const char* function) {
+  base::logger().log(ember_logger::error, format, function);
+  return false;
+}
+
+bool failWithException(const char* function, const std::exception& exception) {
+  base::logger().log(ember_logger::error, "[%s] throw exception:%s!", function, exception.what());
+  return false;
+}
+
+}  // namespace
 
 // Tiles between the one whose row is copied and the one whose row is fetched meanwhile: the rows of neighbouring tiles
 // are far apart in memory, so the processor does not foresee them.
@@ -58,32 +76,162 @@ std::unique_ptr<TileImage> TileImage::createNormal(const TileImageArguments& arg
 }
 
 bool TileImage::postInitializeNormal(const TileImageArguments& arguments) {
-  width_ = arguments.width;
-  height_ = arguments.height;
-  format_ = {arguments.samplesPerPixel, arguments.bitsPerSample, arguments.samplesPerPixel * arguments.bitsPerSample};
+  setFormat(arguments.width, arguments.height, arguments.samplesPerPixel, arguments.bitsPerSample);
   sampleformat_ = arguments.sampleformat;
   scanlineOperation_ = arguments.scanlineOperation;
   if (!check()) {
     return false;
   }
+  return createTileManager("TileImage::postInitializeNormal",
+                           [&] { return TileManager::createNormal(*this, arguments.bForceUseFileMapping); });
+}
+
+template <class CreateManager>
+bool TileImage::createTileManager(const char* function, CreateManager create) {
   try {
-    tileManager_ = TileManager::createNormal(*this, arguments.bForceUseFileMapping);
+    tileManager_ = create();
   } catch (const std::exception& exception) {
-    base::logger().log(ember_logger::error, "[%s] throw exception:%s!", "TileImage::postInitializeNormal",
-                       exception.what());
+    return failWithException(function, exception);
+  }
+  return tileManager_ != nullptr || fail("[%s] create failed!", function);
+}
+
+void TileImage::setFormat(std::uint32_t width, std::uint32_t height, std::uint32_t samplesPerPixel,
+                          std::uint32_t bitsPerSample) {
+  width_ = width;
+  height_ = height;
+  format_ = {samplesPerPixel, bitsPerSample, samplesPerPixel * bitsPerSample};
+}
+
+std::unique_ptr<TileImage> TileImage::createInterprocessA(const SharedTileImageArguments& arguments) {
+  constexpr const char* kName = "TileImage::createInterprocessA";
+  std::uint32_t width = 0;
+  std::uint32_t height = 0;
+  std::uint32_t samplesPerPixel = 0;
+  std::uint32_t bitsPerSample = 0;
+  std::uint32_t sampleformat = 0;
+  if (getTileImageBriefInfo_InterprocessB(arguments.interprocessTileImageId, &width, &height, &samplesPerPixel,
+                                          &bitsPerSample, &sampleformat)) {
+    if (width == arguments.width && height == arguments.height && samplesPerPixel == arguments.samplesPerPixel &&
+        bitsPerSample == arguments.bitsPerSample && sampleformat == arguments.sampleformat) {
+      if (auto image = createInterprocessB(arguments.interprocessTileImageId)) {
+        return image;
+      }
+      base::logger().log(ember_logger::warning, "[%s] files of FileMapping is missing,will create a fresh tileImage",
+                         kName);
+    } else {
+      base::logger().log(ember_logger::warning,
+                         "[%s] interprocessTileImageId file is invalid [possible reason: interprocessTileImageId(%s) "
+                         "is not unique]",
+                         kName, platform::shownUtf8(arguments.interprocessTileImageId).c_str());
+    }
+  }
+  std::unique_ptr<TileImage> image(new (std::nothrow) TileImage);
+  if (image == nullptr || !image->postInitializeInterprocessA(arguments)) {
+    fail("[%s] create failed", kName);
+    return nullptr;
+  }
+  return image;
+}
+
+bool TileImage::postInitializeInterprocessA(const SharedTileImageArguments& arguments) {
+  constexpr const char* kName = "TileImage::postInitializeInterprocessA";
+  setFormat(arguments.width, arguments.height, arguments.samplesPerPixel, arguments.bitsPerSample);
+  sampleformat_ = arguments.sampleformat;
+  scanlineOperation_ = arguments.scanlineOperation;
+  if (!checkShared()) {
     return false;
   }
-  if (tileManager_ == nullptr) {
-    base::logger().log(ember_logger::error, "[%s] create failed!", "TileImage::postInitializeNormal");
-    return false;
+  try {
+    interprocessInfo_ = std::make_shared<InterprocessTileImageInfo>();
+    if (!createTileManager(kName, [&] {
+          return TileManager::createInterprocessA(*this, *interprocessInfo_, arguments.interprocessTileImageId);
+        })) {
+      return false;
+    }
+    return TileImageInterprocessJsonHelper(arguments.interprocessTileImageId).serialize(*interprocessInfo_) ||
+           fail("[%s] jsonHelper serialize failed", kName);
+  } catch (const std::exception& exception) {
+    return failWithException(kName, exception);
   }
-  return true;
+}
+
+std::unique_ptr<TileImage> TileImage::createInterprocessB(const std::wstring& identifier) {
+  std::unique_ptr<TileImage> image(new (std::nothrow) TileImage);
+  if (image == nullptr || !image->postInitializeInterprocessB(identifier)) {
+    fail("[%s] create failed", "TileImage::createInterprocessB");
+    return nullptr;
+  }
+  return image;
+}
+
+bool TileImage::postInitializeInterprocessB(const std::wstring& identifier) {
+  constexpr const char* kName = "TileImage::postInitializeInterprocessB";
+  try {
+    interprocessInfo_ = std::make_shared<InterprocessTileImageInfo>();
+    if (!TileImageInterprocessJsonHelper(identifier).unserialize(*interprocessInfo_, false)) {
+      return fail("[%s] jsonHelper serialize failed", kName);  // kept: one text for both directions
+    }
+    const InterprocessTileImageInfo& info = *interprocessInfo_;
+    setFormat(info.width, info.height, info.samplesPerPixel, info.bitsPerSample);
+    sampleformat_ = static_cast<std::uint32_t>(info.sampleformat);
+    scanlineOperation_ = static_cast<std::uint32_t>(info.scanlineOperation);
+    return checkShared() &&
+           createTileManager(kName, [&] { return TileManager::createInterprocessB(*this, info, identifier); });
+  } catch (const std::exception& exception) {
+    return failWithException(kName, exception);
+  }
+}
+
+bool TileImage::isValid(const std::wstring& identifier) {
+  return createInterprocessB(identifier) != nullptr ||
+         fail("[%s] files of FileMapping is missing", "TileImage::isValid");
+}
+
+bool TileImage::getTileImageBriefInfo_InterprocessB(const std::wstring& identifier, std::uint32_t* width,
+                                                    std::uint32_t* height, std::uint32_t* samplesPerPixel,
+                                                    std::uint32_t* bitsPerSample, std::uint32_t* sampleformat) {
+  constexpr const char* kName = "TileImage::getTileImageBriefInfo_InterprocessB";
+  try {
+    InterprocessTileImageInfo info;
+    if (!TileImageInterprocessJsonHelper(identifier).unserialize(info, true)) {
+      return fail("[%s] jsonHelper serialize failed", kName);
+    }
+    const auto store = [](std::uint32_t* target, std::uint32_t value) {
+      if (target != nullptr) {
+        *target = value;
+      }
+    };
+    store(width, info.width);
+    store(height, info.height);
+    store(samplesPerPixel, info.samplesPerPixel);
+    store(bitsPerSample, info.bitsPerSample);
+    store(sampleformat, static_cast<std::uint32_t>(info.sampleformat));
+    return true;
+  } catch (const std::exception& exception) {
+    return failWithException(kName, exception);
+  }
 }
 
 bool TileImage::check() const {
-  if (std::uint64_t{width_} * height_ * format_.samplesPerPixel * format_.bitsPerSample != 0) {
+  return std::uint64_t{width_} * height_ * format_.samplesPerPixel * format_.bitsPerSample != 0 || refuseSizes();
+}
+
+// Kept: the product in 32 bits. Sizes whose product is a multiple of 2^32, like 65536 x 65536, cannot be shared.
+bool TileImage::checkShared() const {
+  if (width_ * height_ * format_.samplesPerPixel * format_.bitsPerSample != 0) {
     return true;
   }
+  if (check()) {
+    base::logger().log(ember_logger::error,
+                       "[%s] the bits of a shared image must not be a multiple of 2^32: make it a row longer",
+                       "TileImage::checkShared");
+    return refuseSizes();
+  }
+  return false;
+}
+
+bool TileImage::refuseSizes() const {
   base::logger().log(ember_logger::error, "[%s] invalid args.width:%u height:%u samplesPerPixel:%u bitsPerSample:%u!",
                      "TileImage::check", width_, height_, format_.samplesPerPixel, format_.bitsPerSample);
   return false;

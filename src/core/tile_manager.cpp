@@ -6,23 +6,59 @@
 #include "base/log.h"
 #include "base/process_values.h"
 #include "core/tile_image.h"
+#include "interprocess/interprocess_tile_image_info.h"
 #include "kvtileimage/KvTileImage.h"
+#include "storage/file_mapping_storage_strategy.h"
 #include "storage/tile_image_memory_byte_counter.h"
 
 namespace core {
 namespace {
 
 using base::ull;
+using interprocess::InterprocessTileImageInfo;
+using storage::FileMappingStorageStrategy;
 using storage::TileImageMemoryByteCounter;
 
 constexpr const char* kPostInitializeNormal = "TileManager::postInitializeNormal";
+constexpr const char* kPostInitializeA = "TileManager::postInitializeInterprocessA";
+constexpr const char* kPostInitializeB = "TileManager::postInitializeInterprocessB";
+
+bool fail(const char* format, const char* function) {
+  base::logger().log(ember_logger::error, format, function);
+  return false;
+}
+
+bool refuseWithoutGrid(const char* function) {
+  return fail("[%s] no tile grid: the image's bits must fit 64 bits and its scanlineOperation be 1, 2 or 3", function);
+}
 
 }  // namespace
 
 std::shared_ptr<TileManager> TileManager::createNormal(const TileImage& owner, bool bForceUseFileMapping) {
   auto manager = std::make_shared<TileManager>(owner);
   if (!manager->postInitializeNormal(bForceUseFileMapping)) {
-    base::logger().log(ember_logger::error, "[%s] postInitialize failed", "TileManager::createNormal");
+    fail("[%s] postInitialize failed", "TileManager::createNormal");
+    return nullptr;
+  }
+  return manager;
+}
+
+std::shared_ptr<TileManager> TileManager::createInterprocessA(const TileImage& owner, InterprocessTileImageInfo& info,
+                                                              const std::wstring& identifier) {
+  auto manager = std::make_shared<TileManager>(owner);
+  if (!manager->postInitializeInterprocessA(info, identifier)) {
+    fail("[%s] postInitialize failed", "TileManager::createInterprocessA");
+    return nullptr;
+  }
+  return manager;
+}
+
+std::shared_ptr<TileManager> TileManager::createInterprocessB(const TileImage& owner,
+                                                              const InterprocessTileImageInfo& info,
+                                                              const std::wstring& identifier) {
+  auto manager = std::make_shared<TileManager>(owner);
+  if (!manager->postInitializeInterprocessB(info, identifier)) {
+    fail("[%s] postInitialize failed", "TileManager::createInterprocessB");
     return nullptr;
   }
   return manager;
@@ -49,12 +85,10 @@ bool TileManager::postInitializeNormal(bool bForceUseFileMapping) {
     calculate_UseFileMapping();
   }
   if (!grid_) {
-    base::logger().log(ember_logger::error,
-                       "[%s] no tile grid: the image's bits must fit 64 bits and its scanlineOperation be 1, 2 or 3",
-                       kPostInitializeNormal);
-    return false;
+    return refuseWithoutGrid(kPostInitializeNormal);
   }
-  if (!createTiles()) {
+  if (!createTiles(kPostInitializeNormal,
+                   [this] { return storage::BlockCenter::create(grid_->byteSizes(), useMemory_); })) {
     return false;
   }
   base::logger().log(ember_logger::trace, "[%s] sumBytes_:%llu", kPostInitializeNormal, ull{sumBytes_});
@@ -64,6 +98,48 @@ bool TileManager::postInitializeNormal(bool bForceUseFileMapping) {
   }
   logGrid();
   return true;
+}
+
+bool TileManager::postInitializeInterprocessA(InterprocessTileImageInfo& info, const std::wstring& identifier) {
+  base::logger().log(ember_logger::trace, "[%s] use file mapping", kPostInitializeA);
+  useMemory_ = false;
+  calculate_UseFileMapping();
+  if (!grid_) {
+    return refuseWithoutGrid(kPostInitializeA);
+  }
+  info.width = owner_.width();
+  info.height = owner_.height();
+  info.samplesPerPixel = owner_.format().samplesPerPixel;
+  info.bitsPerSample = owner_.format().bitsPerSample;
+  info.sampleformat = static_cast<std::int32_t>(owner_.sampleformat());
+  // Kept: scanlineOperation stays at its default, whatever the image was made for; who attaches gets both directions.
+  info.tileBaseWidth = grid_->tileBaseWidth();
+  info.tileBaseHeight = grid_->tileBaseHeight();
+  info.tileRowCount = grid_->tileRowCount();
+  info.tileColCount = grid_->tileColCount();
+  return createTiles(kPostInitializeA, [&] {
+    return FileMappingStorageStrategy::createInterprocessA(grid_->byteSizes(), *info.interprocessFileMappingInfo,
+                                                           identifier);
+  });
+}
+
+bool TileManager::postInitializeInterprocessB(const InterprocessTileImageInfo& info, const std::wstring& identifier) {
+  base::logger().log(ember_logger::trace, "[%s] use file mapping", kPostInitializeB);
+  useMemory_ = false;
+  grid_ = TileGrid::described(owner_.format(), owner_.width(), owner_.height(),
+                              {info.tileBaseWidth, info.tileBaseHeight, info.tileRowCount, info.tileColCount},
+                              base::allocationGranularity());
+  if (!grid_) {
+    base::logger().log(ember_logger::error,
+                       "[%s] the descriptor's %llu x %llu tiles of %llu x %llu pixels are no grid of its image",
+                       kPostInitializeB, ull{info.tileColCount}, ull{info.tileRowCount}, ull{info.tileBaseWidth},
+                       ull{info.tileBaseHeight});
+    return false;
+  }
+  return createTiles(kPostInitializeB, [&] {
+    return FileMappingStorageStrategy::createInterprocessB(grid_->byteSizes(), info.interprocessFileMappingInfo.get(),
+                                                           identifier);
+  });
 }
 
 bool TileManager::fitsHeapBudget(std::uint64_t fuzzyTotalBytes) {
@@ -95,20 +171,16 @@ void TileManager::calculate_UseFileMapping() {
                                    base::allocationGranularity());
 }
 
-bool TileManager::createTiles() {
+template <class CreateBlockCenter>
+bool TileManager::createTiles(const char* function, CreateBlockCenter create) {
   try {
-    blockCenter_ = storage::BlockCenter::create(grid_->byteSizes(), useMemory_);
+    blockCenter_ = create();
   } catch (const std::exception&) {  // no memory: an empty reference, reported as such
   }
   if (blockCenter_ == nullptr) {
-    base::logger().log(ember_logger::error, "[%s] blockCenter_ create failed", kPostInitializeNormal);
-    return false;
+    return fail("[%s] blockCenter_ create failed", function);
   }
-  if (!initTiles()) {
-    base::logger().log(ember_logger::error, "[%s] init tiles failed", kPostInitializeNormal);
-    return false;
-  }
-  return true;
+  return initTiles() || fail("[%s] init tiles failed", function);
 }
 
 bool TileManager::initTiles() {

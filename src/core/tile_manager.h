@@ -4,11 +4,16 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "core/tile.h"
 #include "core/tile_grid.h"
 #include "storage/block_center.h"
+
+namespace interprocess {
+struct InterprocessTileImageInfo;
+}
 
 namespace core {
 
@@ -19,6 +24,16 @@ class TileManager {
   // Divides `owner`, which outlives the manager, into tiles and allocates them: in heap memory if the process's budget
   // has room for the image and `bForceUseFileMapping` is false, else in files. Empty, with a logged reason, on failure.
   static std::shared_ptr<TileManager> createNormal(const TileImage& owner, bool bForceUseFileMapping);
+
+  // The same in files that other processes can attach to as `identifier`; `info` then tells of the image and the files.
+  static std::shared_ptr<TileManager> createInterprocessA(const TileImage& owner,
+                                                          interprocess::InterprocessTileImageInfo& info,
+                                                          const std::wstring& identifier);
+
+  // Takes the tiles that `info` tells of. Empty, with a logged reason, if they are none of `owner`'s or not there.
+  static std::shared_ptr<TileManager> createInterprocessB(const TileImage& owner,
+                                                          const interprocess::InterprocessTileImageInfo& info,
+                                                          const std::wstring& identifier);
 
   explicit TileManager(const TileImage& owner) : owner_(owner) {}
   ~TileManager();
@@ -43,7 +58,10 @@ class TileManager {
 
  private:
   bool postInitializeNormal(bool bForceUseFileMapping);
-  bool createTiles();
+  bool postInitializeInterprocessA(interprocess::InterprocessTileImageInfo& info, const std::wstring& identifier);
+  bool postInitializeInterprocessB(const interprocess::InterprocessTileImageInfo& info, const std::wstring& identifier);
+  template <class CreateBlockCenter>
+  bool createTiles(const char* function, CreateBlockCenter create);
   static bool fitsHeapBudget(std::uint64_t fuzzyTotalBytes);
   void calculate_UseFileMapping();
   bool initTiles();

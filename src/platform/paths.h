@@ -19,6 +19,9 @@ bool mayHoldHostFiles(const std::wstring& folder);
 // that form cannot hold all of its characters.
 std::string narrowPath(const std::wstring& path);
 
+// The way back. Throws std::range_error if it is no path in that form.
+std::wstring fromNarrowPath(const std::string& narrowPath);
+
 // `path` as std::filesystem takes it. What the standard library makes of a wide string by itself fails for all but
 // ASCII on some systems, and so does the way back.
 std::filesystem::path filesystemPath(const std::wstring& path);

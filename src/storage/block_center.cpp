@@ -1,31 +1,13 @@
 #include "storage/block_center.h"
 
-#include <atomic>
-#include <exception>
-
 #include "base/log.h"
 #include "base/process_values.h"
-#include "cache/file_mapping_dir_helper.h"
+#include "storage/clean_up.h"
 #include "storage/file_mapping_storage_strategy.h"
 #include "storage/memory_storage_strategy.h"
 
 namespace storage {
 namespace {
-
-// An image in heap memory does not fail because no cache folder can be had; one that needs a folder finds out itself.
-void cleanUpOnce() {
-  static std::atomic<bool> failed{false};
-  if (failed) {
-    return;
-  }
-  try {
-    cache::FileMappingDirHelper::instance()->clearRubbish();
-  } catch (const std::exception& exception) {
-    failed = true;
-    base::logger().log(ember_logger::warning, "[%s] there is no cache folder: %s", "BlockCenter::create",
-                       exception.what());
-  }
-}
 
 std::shared_ptr<MemoryStorageStrategy> createInMemory(const TileByteSizes& tileByteSizes) {
   const std::uint64_t available = base::totalMemoryBytes();

@@ -51,7 +51,7 @@ std::uint8_t* FileMappingBlock::load() {
 bool FileMappingBlock::map() {
   try {
     region_ = std::make_shared<win_interprocess::mapped_region>(owner_.file(fileIndex_), win_interprocess::kReadWrite,
-                                                                kOffset, size());
+                                                                offset_, size());
     buf_ = region_->address();
     return true;
   } catch (const win_interprocess::interprocess_exception& exception) {

@@ -16,10 +16,10 @@ class FileMappingStorageStrategy;
 // Mapped while it has users, the thread areas that cover it; the last one that leaves unmaps it.
 class FileMappingBlock final : public Block {
  public:
-  // The bytes are the first `size` ones of the file at `fileIndex` of `owner`, which outlives the block.
+  // The bytes are `size` ones, from `offset` on, of the file at `fileIndex` of `owner`, which outlives the block.
   FileMappingBlock(std::uint64_t size, const FileMappingStorageStrategy& owner, std::uint64_t rowIndex,
-                   std::uint64_t colIndex, std::uint64_t fileIndex)
-      : Block(size), owner_(owner), rowIndex_(rowIndex), colIndex_(colIndex), fileIndex_(fileIndex) {}
+                   std::uint64_t colIndex, std::uint64_t fileIndex, std::uint64_t offset)
+      : Block(size), owner_(owner), rowIndex_(rowIndex), colIndex_(colIndex), fileIndex_(fileIndex), offset_(offset) {}
 
   // Null, with a logged reason, without a user.
   std::uint8_t* load() override;
@@ -38,13 +38,12 @@ class FileMappingBlock final : public Block {
  private:
   bool map();
 
-  static constexpr std::uint64_t kOffset = 0;  // each file holds one block
-
   const FileMappingStorageStrategy& owner_;
   std::uint64_t rowIndex_;
   std::uint64_t colIndex_;
   std::uint64_t fileIndex_;
-  std::mutex mutex_;  // guards what follows; load reads the two atomics without it
+  std::uint64_t offset_;  // 0 where each file holds one block
+  std::mutex mutex_;      // guards what follows; load reads the two atomics without it
   std::atomic<std::uint8_t*> buf_{nullptr};
   std::atomic<std::uint32_t> useCount_{0};
   bool write_ = false;

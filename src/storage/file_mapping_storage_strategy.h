@@ -15,11 +15,17 @@ namespace cache {
 class FileMappingDirHelper;
 }
 
+namespace interprocess {
+class InterprocessFileMappingInfo;
+class InterprocessReleaseResourceOwnership;
+}  // namespace interprocess
+
 namespace storage {
 
 // Every tile's bytes are a backing file of their own in one of the cache folders. A tile is mapped while it is in the
 // area of at least one thread: the tiles that the thread announced last. Any thread may announce; threads in different
-// tiles do not meet, and a tile in several areas is mapped once. The files go with the strategy.
+// tiles do not meet, and a tile in several areas is mapped once. The files go with the strategy; those of a shared
+// image with the last strategy that holds the image, whatever its process.
 class FileMappingStorageStrategy final : public BlockCenter::IStorageStrategy {
  public:
   // Writes tiles back before they are unmapped.
@@ -43,9 +49,21 @@ class FileMappingStorageStrategy final : public BlockCenter::IStorageStrategy {
   // cannot be made.
   static std::shared_ptr<FileMappingStorageStrategy> createNormal(const TileByteSizes& tileByteSizes);
 
+  // The same for an image that other processes can attach to as `identifier`; `info` then tells of the files.
+  static std::shared_ptr<BlockCenter> createInterprocessA(const TileByteSizes& tileByteSizes,
+                                                          interprocess::InterprocessFileMappingInfo& info,
+                                                          const std::wstring& identifier);
+
+  // Takes the files that `info` tells of for tiles of the given sizes. Null, with a logged reason, if they are not what
+  // it says.
+  static std::shared_ptr<BlockCenter> createInterprocessB(const TileByteSizes& tileByteSizes,
+                                                          const interprocess::InterprocessFileMappingInfo* info,
+                                                          const std::wstring& identifier);
+
   FileMappingStorageStrategy();
 
-  // Deletes the files. Should run on the thread that made the strategy; it warns if not.
+  // Deletes the files, and the descriptor with them, unless another strategy holds them. Should run on the thread that
+  // made the strategy; it warns if not.
   ~FileMappingStorageStrategy() override;
 
   void beginCurrentThreadIO() override { threadData_->begin(); }
@@ -63,10 +81,21 @@ class FileMappingStorageStrategy final : public BlockCenter::IStorageStrategy {
   Flusher& flusher() const { return *flusher_; }
 
  private:
-  bool postInitializeCommon(const TileByteSizes& tileByteSizes);
-  bool postInitializeInterprocessA(const TileByteSizes& tileByteSizes);
-  bool createFilesAndBlocks(const TileByteSizes& tileByteSizes, const cache::FileMappingDirHelper& folders);
-  bool createFile(const cache::FileMappingDirHelper& folders, std::uint64_t bytes);
+  using FileMappingInfo = interprocess::InterprocessFileMappingInfo;
+
+  bool postInitializeCommon(const TileByteSizes& tileByteSizes, const std::wstring& identifier);
+  void holdSharedImage(const std::wstring& identifier);
+  bool postInitializeInterprocessA(const TileByteSizes& tileByteSizes, FileMappingInfo* info,
+                                   const std::wstring& identifier);
+  bool createFilesAndBlocks(const TileByteSizes& tileByteSizes, const cache::FileMappingDirHelper& folders,
+                            FileMappingInfo* info);
+  bool createFile(const cache::FileMappingDirHelper& folders, std::uint64_t bytes, FileMappingInfo* info);
+  bool postInitializeInterprocessB(const TileByteSizes& tileByteSizes, const FileMappingInfo* info,
+                                   const std::wstring& identifier);
+  bool attachFilesAndBlocks(const TileByteSizes& tileByteSizes, const FileMappingInfo& info);
+  bool attachFile(const FileMappingInfo& info, std::uint64_t fileIndex, std::uint64_t bytes);
+  bool createBlock(const TileByteSizes& tileByteSizes, std::uint64_t index, std::uint64_t offset, const char* function);
+  void removeDescriptor() noexcept;
   void removeFiles() noexcept;
 
   FileMappingBlock& fileBlock(std::uint64_t row, std::uint64_t column) const;
@@ -81,6 +110,9 @@ class FileMappingStorageStrategy final : public BlockCenter::IStorageStrategy {
   std::vector<BackingFile> files_;
   std::shared_ptr<Flusher> flusher_;
   std::shared_ptr<IFileMappingThreadData> threadData_;
+  std::wstring interprocessIdJsonFilePath_;  // of a shared image: its descriptor
+  std::shared_ptr<bool> hasOwnership_;       // whether this was its last holder, once ownership_ is gone
+  std::shared_ptr<interprocess::InterprocessReleaseResourceOwnership> ownership_;
   std::uint32_t threadIdOfConstructor_;
   std::uint32_t processIdOfConstructor_;
 };

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "cache/file_mapping_dir_helper.h"
 #include "cache/file_mapping_file_path_helper.h"
+#include "storage/clean_up.h"
 
 namespace support {
 
@@ -24,7 +24,7 @@ struct BackingFile {
 inline std::vector<BackingFile> backingFiles() {
   const std::wstring prefix = cache::FileMappingFilePathHelper::prefix();
   std::vector<BackingFile> files;
-  for (const std::wstring& folder : cache::FileMappingDirHelper::instance()->rootDirList()) {
+  for (const std::wstring& folder : storage::cacheFolders()->rootDirList()) {
     for (const auto& entry : std::filesystem::directory_iterator(folder)) {
       const std::wstring name = entry.path().filename().wstring();
       if (name.starts_with(prefix)) {

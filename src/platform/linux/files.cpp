@@ -8,7 +8,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <limits>
 
 #include "platform/linux/descriptor.h"
 #include "platform/paths.h"
@@ -69,10 +72,28 @@ bool writeAll(const Descriptor& descriptor, std::string_view text) {
   return true;
 }
 
+constexpr const char* kPartExtension = ".part";
+
+// What the calling thread calls a text that it writes until it is complete.
+std::string partOf(const std::string& path) {
+  return path + "." + std::to_string(getpid()) + "-" + std::to_string(gettid()) + kPartExtension;
+}
+
+// The process that gave a file such a name; nothing if it is none.
+std::optional<pid_t> writerOf(const std::filesystem::path& part) {
+  const std::string stem = part.stem().string();
+  const std::size_t dot = stem.rfind('.');
+  char* end = nullptr;
+  const long process = dot == std::string::npos ? 0 : std::strtol(stem.c_str() + dot + 1, &end, 10);
+  const bool named =
+      part.extension() == kPartExtension && process > 0 && *end == '-' && process <= std::numeric_limits<pid_t>::max();
+  return named ? std::optional(static_cast<pid_t>(process)) : std::nullopt;
+}
+
 // A new file beside `path` that takes its name only when it is complete: nobody sees a part, and a full disk leaves
 // what was there.
 bool replaceFile(const std::string& path, std::string_view text) {
-  const std::string part = path + "." + std::to_string(getpid()) + "-" + std::to_string(gettid()) + ".part";
+  const std::string part = partOf(path);
   unlink(part.c_str());  // of a process that had this id
   const Descriptor descriptor(open(part.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileRights));
   if (!descriptor.valid()) {
@@ -139,6 +160,17 @@ bool writeText(const std::wstring& path, std::string_view text) {
   return locked.valid() == replaces && withinFileSizeLimit(text.size()) && replaceFile(name, text);
 }
 
+void removeUnfinishedTexts(const std::wstring& folder) {
+  std::error_code error;
+  for (std::filesystem::recursive_directory_iterator entry(narrowPath(folder), error), end; !error && entry != end;
+       entry.increment(error)) {
+    const auto writer = writerOf(entry->path());
+    if (writer && kill(*writer, 0) != 0 && errno == ESRCH) {
+      unlink(entry->path().c_str());
+    }
+  }
+}
+
 // Emptied only once it is locked: whoever holds it keeps its contents.
 Stream openLockFile(const std::wstring& path) {
   Descriptor descriptor = openLocked(narrowPath(path), O_RDWR | O_CREAT | O_NOFOLLOW, LOCK_EX);
@@ -146,6 +178,13 @@ Stream openLockFile(const std::wstring& path) {
     return nullptr;
   }
   return streamOf(std::move(descriptor), "w");
+}
+
+Stream openToKeep(const std::string& narrowPath) {
+  Descriptor descriptor(open(narrowPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kFileRights));
+  struct stat opened {};
+  const bool regular = descriptor.valid() && fstat(descriptor.get(), &opened) == 0 && S_ISREG(opened.st_mode);
+  return regular ? streamOf(std::move(descriptor), "w") : nullptr;
 }
 
 std::error_code createZeroFile(const std::string& narrowPath, std::uint64_t bytes) {
@@ -162,11 +201,23 @@ std::error_code createZeroFile(const std::string& narrowPath, std::uint64_t byte
 
 bool removeFile(const std::string& narrowPath) { return unlink(narrowPath.c_str()) == 0; }
 
-bool removeUnlessInUse(const std::wstring& path) {
+bool removeUnlessInUse(const std::wstring& path, const std::function<void()>& removeCompanions) {
   const std::string name = narrowPath(path);
   // Writable, as network file systems ask of an exclusive lock.
   const Descriptor held = openLocked(name, O_RDWR | O_NOFOLLOW, LOCK_EX);
-  return held.valid() && unlink(name.c_str()) == 0;
+  if (!held.valid()) {
+    return false;
+  }
+  removeCompanions();  // first: a file that a killed process leaves behind is found by the next one
+  return unlink(name.c_str()) == 0;
+}
+
+std::optional<std::uint64_t> fileBytes(const std::string& narrowPath) {
+  struct stat status {};
+  if (lstat(narrowPath.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return std::nullopt;
+  }
+  return static_cast<std::uint64_t>(status.st_size);
 }
 
 std::error_code createFolders(const std::wstring& folder) {

@@ -72,6 +72,8 @@ bool mayHoldHostFiles(const std::wstring& folder) {
 
 std::string narrowPath(const std::wstring& path) { return toUtf8(path); }
 
+std::wstring fromNarrowPath(const std::string& narrowPath) { return fromUtf8(narrowPath); }
+
 std::filesystem::path filesystemPath(const std::wstring& path) { return toUtf8(path); }
 
 std::wstring widePath(const std::filesystem::path& path) { return fromUtf8(path.native()); }

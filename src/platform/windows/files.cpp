@@ -12,12 +12,16 @@ namespace {
 std::error_code lastError() { return {static_cast<int>(GetLastError()), std::system_category()}; }
 
 // A program that the host starts must not get hold of the file: it would keep it locked when the host has ended.
-Stream openForThisProcess(const std::wstring& path, const wchar_t* mode, int sharing) {
-  Stream stream(_wfsopen(path.c_str(), mode, sharing));
+Stream forThisProcess(std::FILE* opened) {
+  Stream stream(opened);
   if (stream != nullptr) {
     SetHandleInformation(reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream.get()))), HANDLE_FLAG_INHERIT, 0);
   }
   return stream;
+}
+
+Stream openForThisProcess(const std::wstring& path, const wchar_t* mode, int sharing) {
+  return forThisProcess(_wfsopen(path.c_str(), mode, sharing));
 }
 
 // Closes a file's handle.
@@ -34,7 +38,15 @@ bool writeText(const std::wstring& path, std::string_view text) {
   return stream != nullptr && std::fwrite(text.data(), 1, text.size(), stream.get()) == text.size();
 }
 
+// Texts are written in place here.
+void removeUnfinishedTexts(const std::wstring&) {}
+
 Stream openLockFile(const std::wstring& path) { return openForThisProcess(path, L"wb", _SH_DENYRW); }
+
+// Others may read and write the file, but not remove it.
+Stream openToKeep(const std::string& narrowPath) {
+  return forThisProcess(_fsopen(narrowPath.c_str(), "wb", _SH_DENYNO));
+}
 
 std::error_code createZeroFile(const std::string& narrowPath, std::uint64_t bytes) {
   const HANDLE handle = CreateFileA(narrowPath.c_str(), GENERIC_READ | GENERIC_WRITE,
@@ -61,7 +73,24 @@ std::error_code createZeroFile(const std::string& narrowPath, std::uint64_t byte
 
 bool removeFile(const std::string& narrowPath) { return DeleteFileA(narrowPath.c_str()) != 0; }
 
-bool removeUnlessInUse(const std::wstring& path) { return DeleteFileW(path.c_str()) != 0; }
+// Only the attempt tells whether the file is in use.
+bool removeUnlessInUse(const std::wstring& path, const std::function<void()>& removeCompanions) {
+  if (DeleteFileW(path.c_str()) == 0) {
+    return false;
+  }
+  removeCompanions();
+  return true;
+}
+
+std::optional<std::uint64_t> fileBytes(const std::string& narrowPath) {
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  constexpr DWORD kNoFile = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DEVICE;
+  if (GetFileAttributesExA(narrowPath.c_str(), GetFileExInfoStandard, &data) == 0 ||
+      (data.dwFileAttributes & kNoFile) != 0) {
+    return std::nullopt;
+  }
+  return std::uint64_t{data.nFileSizeHigh} << 32 | data.nFileSizeLow;
+}
 
 std::error_code createFolders(const std::wstring& folder) {
   std::error_code error;

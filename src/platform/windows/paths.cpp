@@ -56,6 +56,17 @@ std::string narrowPath(const std::wstring& path) {
   return narrow;
 }
 
+std::wstring fromNarrowPath(const std::string& narrowPath) {
+  const int characters = MultiByteToWideChar(CP_ACP, MB_ERR_INVALID_CHARS, narrowPath.c_str(), -1, nullptr, 0);
+  if (characters == 0) {
+    throw std::range_error("a path is not in the ANSI code page");
+  }
+  std::wstring path(static_cast<std::size_t>(characters), L'\0');
+  MultiByteToWideChar(CP_ACP, MB_ERR_INVALID_CHARS, narrowPath.c_str(), -1, path.data(), characters);
+  path.pop_back();  // the terminating zero, which was counted
+  return path;
+}
+
 std::filesystem::path filesystemPath(const std::wstring& path) { return path; }
 
 std::wstring widePath(const std::filesystem::path& path) { return path.generic_wstring(); }

@@ -1,0 +1,35 @@
+// Who holds shared images, as their lock files tell.
+#pragma once
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "cache/file_mapping_dir_helper.h"
+#include "interprocess/shared_image_files.h"
+#include "platform/lock_files.h"
+
+namespace interprocess {
+
+// The backing files of the shared images that have a holder; their maker may be dead. The lock files of those without
+// one stay locked while the object lives: who wants to hold such an image waits until then, and finds its files
+// complete or gone.
+class Holders final : public cache::FileUsers {
+ public:
+  // Those of the user's shared images.
+  static std::unique_ptr<const cache::FileUsers> find();
+
+  explicit Holders(const SharedImageFiles& files);
+
+  bool use(const std::wstring& file) const override { return filesInUse_.contains(file); }
+
+ private:
+  bool isHeld(const std::wstring& lockFile);
+  void addFilesOf(const std::wstring& identifier, const SharedImageFiles& files);
+
+  std::set<std::wstring> filesInUse_;
+  std::vector<std::unique_ptr<platform::FileLock>> withoutHolder_;
+};
+
+}  // namespace interprocess
