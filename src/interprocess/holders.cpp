@@ -1,15 +1,30 @@
 #include "interprocess/holders.h"
 
+#include <exception>
 #include <filesystem>
 
 #include "cache/file_mapping_file_path_helper.h"
 #include "interprocess/tile_image_interprocess_json_helper.h"
 #include "platform/paths.h"
-#include "platform/win_interprocess.h"
 
 namespace interprocess {
 
 using platform::FileLock;
+
+std::optional<Claim> claimUnlessHeld(const std::wstring& lockFile) {
+  try {
+    std::error_code unknown;
+    if (!std::filesystem::exists(platform::filesystemPath(lockFile), unknown) && !unknown) {
+      return Claim();
+    }
+    auto lock = std::make_unique<FileLock>(platform::narrowPath(lockFile), FileLock::IfMissing::fail);
+    if (lock->tryExclusive()) {
+      return lock;
+    }
+  } catch (const std::exception&) {  // rather too many images count as held than one too few
+  }
+  return std::nullopt;
+}
 
 std::unique_ptr<const cache::FileUsers> Holders::find() {
   return std::make_unique<Holders>(SharedImageFiles::ofUser());
@@ -17,27 +32,11 @@ std::unique_ptr<const cache::FileUsers> Holders::find() {
 
 Holders::Holders(const SharedImageFiles& files) {
   for (const std::wstring& identifier : files.identifiersWithDescriptor()) {
-    if (isHeld(files.lockFile(identifier))) {
+    if (auto claim = claimUnlessHeld(files.lockFile(identifier))) {
+      withoutHolder_.push_back(std::move(*claim));
+    } else {
       addFilesOf(identifier, files);
     }
-  }
-}
-
-// Without a lock file there is no holder.
-bool Holders::isHeld(const std::wstring& lockFile) {
-  std::error_code unknown;
-  if (!std::filesystem::exists(platform::filesystemPath(lockFile), unknown) && !unknown) {
-    return false;
-  }
-  try {
-    auto lock = std::make_unique<FileLock>(platform::narrowPath(lockFile), FileLock::IfMissing::fail);
-    if (!lock->tryExclusive()) {
-      return true;
-    }
-    withoutHolder_.push_back(std::move(lock));
-    return false;
-  } catch (const win_interprocess::interprocess_exception&) {
-    return true;  // rather too many files are kept than one too few
   }
 }
 

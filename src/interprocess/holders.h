@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -11,6 +12,12 @@
 #include "platform/lock_files.h"
 
 namespace interprocess {
+
+// A shared image that has no holder: nobody becomes one while the claim lives. Null if there is no lock file either.
+using Claim = std::unique_ptr<platform::FileLock>;
+
+// The claim on the image of this lock file; nothing if someone holds it, or that cannot be found out.
+std::optional<Claim> claimUnlessHeld(const std::wstring& lockFile);
 
 // The backing files of the shared images that have a holder; their maker may be dead. The lock files of those without
 // one stay locked while the object lives: who wants to hold such an image waits until then, and finds its files
@@ -25,11 +32,10 @@ class Holders final : public cache::FileUsers {
   bool use(const std::wstring& file) const override { return filesInUse_.contains(file); }
 
  private:
-  bool isHeld(const std::wstring& lockFile);
   void addFilesOf(const std::wstring& identifier, const SharedImageFiles& files);
 
   std::set<std::wstring> filesInUse_;
-  std::vector<std::unique_ptr<platform::FileLock>> withoutHolder_;
+  std::vector<Claim> withoutHolder_;
 };
 
 }  // namespace interprocess

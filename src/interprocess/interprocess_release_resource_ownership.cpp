@@ -22,6 +22,7 @@ constexpr const char* kDestructor = "InterprocessReleaseResourceOwnership::~Inte
 // Whoever locks the file for itself removes it and is done; only a process that was stopped takes longer.
 constexpr std::chrono::seconds kPatience{30};
 constexpr std::chrono::milliseconds kPause{1};
+constexpr int kTimesAsked = 8;
 
 }  // namespace
 
@@ -107,13 +108,16 @@ bool InterprocessReleaseResourceOwnership::letGo() {
 }
 
 // Locks the file for this holder alone unless there is another. Who keeps it locked against sharing is no holder but a
-// clean-up that looks at it, for a moment.
+// clean-up that looks at it, for a moment; that moment may end between the two questions, so they are asked again.
 bool InterprocessReleaseResourceOwnership::isLastHolder() {
   const auto end = std::chrono::steady_clock::now() + kPatience;
-  while (!fileLock_->tryExclusive()) {
+  for (int shared = 0; !fileLock_->tryExclusive();) {
     if (fileLock_->tryShared()) {
       fileLock_->unlock();
-      return false;
+      if (++shared == kTimesAsked) {
+        return false;
+      }
+      continue;
     }
     if (std::chrono::steady_clock::now() > end) {
       throw interprocess_exception("a process has kept " + lockFilePath_ + " locked for 30 seconds");

@@ -12,6 +12,7 @@
 #include "base/process_values.h"
 #include "cache/file_mapping_dir_helper.h"
 #include "cache/file_mapping_file_path_helper.h"
+#include "interprocess/holders.h"
 #include "interprocess/interprocess_release_resource_ownership.h"
 #include "interprocess/interprocess_tile_image_info.h"
 #include "interprocess/shared_image_files.h"
@@ -153,9 +154,9 @@ bool FileMappingStorageStrategy::postInitializeCommon(const TileByteSizes& tileB
 void FileMappingStorageStrategy::holdSharedImage(const std::wstring& identifier) {
   const SharedImageFiles files = SharedImageFiles::ofUser();
   interprocessIdJsonFilePath_ = files.descriptor(identifier);
+  lockFilePath_ = files.lockFile(identifier);
   hasOwnership_ = std::make_shared<bool>(false);
-  ownership_ =
-      InterprocessReleaseResourceOwnership::create(platform::narrowPath(files.lockFile(identifier)), hasOwnership_);
+  ownership_ = InterprocessReleaseResourceOwnership::create(platform::narrowPath(lockFilePath_), hasOwnership_);
   if (ownership_ == nullptr) {
     fail("[%s] InterprocessReleaseResourceOwnership::create failed!", kPostInitializeCommon);
   }
@@ -339,14 +340,26 @@ FileMappingStorageStrategy::~FileMappingStorageStrategy() {
     flusher_.reset();
   }
   blocks_.clear();
-  if (ownership_ != nullptr) {
-    ownership_.reset();
-    if (!*hasOwnership_) {
-      return;
-    }
-    removeDescriptor();
+  if (mayRemoveFiles()) {
+    removeFiles();
   }
-  removeFiles();
+}
+
+// Files of a shared image are the last holder's. A strategy that could not become a holder takes the files along unless
+// someone else is one; the descriptor is left then.
+bool FileMappingStorageStrategy::mayRemoveFiles() {
+  if (interprocessIdJsonFilePath_.empty()) {
+    return true;
+  }
+  if (ownership_ == nullptr) {
+    return interprocess::claimUnlessHeld(lockFilePath_).has_value();
+  }
+  ownership_.reset();
+  if (!*hasOwnership_) {
+    return false;
+  }
+  removeDescriptor();
+  return true;
 }
 
 void FileMappingStorageStrategy::removeDescriptor() noexcept {

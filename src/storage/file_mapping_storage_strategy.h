@@ -95,6 +95,7 @@ class FileMappingStorageStrategy final : public BlockCenter::IStorageStrategy {
   bool attachFilesAndBlocks(const TileByteSizes& tileByteSizes, const FileMappingInfo& info);
   bool attachFile(const FileMappingInfo& info, std::uint64_t fileIndex, std::uint64_t bytes);
   bool createBlock(const TileByteSizes& tileByteSizes, std::uint64_t index, std::uint64_t offset, const char* function);
+  bool mayRemoveFiles();
   void removeDescriptor() noexcept;
   void removeFiles() noexcept;
 
@@ -111,6 +112,7 @@ class FileMappingStorageStrategy final : public BlockCenter::IStorageStrategy {
   std::shared_ptr<Flusher> flusher_;
   std::shared_ptr<IFileMappingThreadData> threadData_;
   std::wstring interprocessIdJsonFilePath_;  // of a shared image: its descriptor
+  std::wstring lockFilePath_;                // and the lock file of its holders
   std::shared_ptr<bool> hasOwnership_;       // whether this was its last holder, once ownership_ is gone
   std::shared_ptr<interprocess::InterprocessReleaseResourceOwnership> ownership_;
   std::uint32_t threadIdOfConstructor_;

@@ -258,7 +258,8 @@ TEST_F(ConfigurationTest, IsCompleteHoweverManyProcessesFindNone) {
     EXPECT_EQ(worker->log(4), "");
   }
   EXPECT_EQ(configuration(), support::kDefaultConfiguration);
-  EXPECT_THAT(namesIn(home_.dataFolder()), ElementsAre("KvTileImage_FileMapingConfig.json", "caches"));
+  EXPECT_THAT(namesIn(home_.dataFolder()), ElementsAre("KvTileImage_FileMapingConfig.json",
+                                                       "KvTileImage_InterprocessRubbishCleaner.filelock", "caches"));
 }
 
 // ---- Folders that belong to someone else
@@ -326,7 +327,7 @@ TEST_F(RightsTest, ToTheProgramsFolderAreNotNeeded) {
     return;
   }
   ASSERT_EQ(dead.ask(std::string("make a") + kFourTiles), "made");
-  EXPECT_EQ(dead.logged("need to clear cache!"), 1);
+  EXPECT_EQ(dead.logged("[FileMappingDirHelper::clearRubbish] need to clear cache!"), 1);
   EXPECT_FALSE(fs::exists(program_.hostCacheRoot()));
   dead.kill();
 

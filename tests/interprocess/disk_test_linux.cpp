@@ -222,7 +222,8 @@ TEST_F(DiskTest, MayBeFullWhenTheFirstProgramComes) {
     EXPECT_EQ(worker.ask(std::string("make a") + kInMemory), "made");
     EXPECT_TRUE(worker.loggedError({"[FileMappingDirHelper::getFromConfigW] json write failed"})) << worker.log(3);
     EXPECT_EQ(worker.end(), 0);
-    EXPECT_THAT(namesIn(home_.dataFolder()), ElementsAre("caches")) << "half a file would be worse than none";
+    EXPECT_THAT(namesIn(home_.dataFolder()), ElementsAre("KvTileImage_InterprocessRubbishCleaner.filelock", "caches"))
+        << "half a file would be worse than none";
   }
   disk_->freeRoom();
   Worker worker(program_);

@@ -105,7 +105,7 @@ TEST_F(ForkTest, LeavesTheLockToTheParent) {
   EXPECT_EQ(parent_.ask("fork"), "ended 0");
   Worker second(program_);
   EXPECT_EQ(second.ask(std::string("make b") + kInMemory), "made");
-  EXPECT_EQ(second.logged("not clear cache!"), 1);
+  EXPECT_EQ(second.logged("[FileMappingDirHelper::clearRubbish] not clear cache!"), 1);
   EXPECT_EQ(program_.backingFiles(), files_);
 }
 

@@ -49,7 +49,7 @@ TEST(ZombieTest, IsDead) {
     return text.find(") Z ") != std::string::npos;
   }));
   ASSERT_EQ(next.ask(std::string("make b") + kInMemory), "made");
-  EXPECT_EQ(next.logged("need to clear cache!"), 1);
+  EXPECT_EQ(next.logged("[FileMappingDirHelper::clearRubbish] need to clear cache!"), 1);
   EXPECT_THAT(program.backingFiles(), IsEmpty());
 }
 
@@ -69,7 +69,7 @@ TEST(ReplacedProgramTest, IsTheProgramThatItWas) {
 
   Worker next(program);
   ASSERT_EQ(next.ask(std::string("make b") + kFourTiles), "made");
-  EXPECT_EQ(next.logged("need to clear cache!"), 1);
+  EXPECT_EQ(next.logged("[FileMappingDirHelper::clearRubbish] need to clear cache!"), 1);
   EXPECT_EQ(program.cacheFolders().size(), 1U);
   EXPECT_EQ(program.backingFiles(), together(backingFileNames(old.id(), 0, 4), backingFileNames(next.id(), 0, 4)));
   EXPECT_EQ(old.ask("read a 1"), "same");
