@@ -4,11 +4,20 @@
 // place and a seed.
 //
 //   make NAME WIDTH HEIGHT heap|files     made, or null
+//   share NAME ID WIDTH HEIGHT            made, or null: a shared image
+//   attach NAME ID                        attached, or null
+//   probe ID                              valid or invalid
+//   info ID                               "WIDTH x HEIGHT", or unknown
 //   write NAME SEED                       written, or failed: row by row
 //   write-columns NAME SEED               the same, column by column
+//   set NAME X Y VALUE                    set, or failed: a pixel
+//   get NAME X Y                          its value, or failed
 //   read NAME SEED                        same, different or failed: whether the pixels are what `write` wrote
 //   write-on NAME                         writing; then it writes without end
 //   unload NAME                           unloaded
+//   stress SEED ROUNDS PREFIX SLOT SLOTS  that many rounds with the images PREFIX0 to PREFIX3 that SLOTS processes
+//   share:
+//                                         "round NUMBER" after each, then "finished", or "wrong WHAT"
 //   threads COUNT                         that many threads make, write, read and unload an image each at the same
 //                                         time; the number of those that succeeded
 //   exit CODE                             no answer: ends with its images as they are
@@ -136,6 +145,57 @@ std::string makeImage(std::istream& words) {
   return images()[name] != nullptr ? "made" : "null";
 }
 
+std::string shareImage(std::istream& words) {
+  std::string name;
+  std::string identifier;
+  std::uint32_t width = 0;
+  std::uint32_t height = 0;
+  words >> name >> identifier >> width >> height;
+  images()[name] = KvTileImage_InterprocessA_Alloc(identifier.c_str(), width, height, 1, 8, KVTI_SAMPLEFORMAT_UINT);
+  return images()[name] != nullptr ? "made" : "null";
+}
+
+std::string attachToImage(std::istream& words) {
+  std::string name;
+  std::string identifier;
+  words >> name >> identifier;
+  images()[name] = KvTileImage_InterprocessB_Alloc(identifier.c_str());
+  return images()[name] != nullptr ? "attached" : "null";
+}
+
+std::string probe(std::istream& words) {
+  std::string identifier;
+  words >> identifier;
+  return KvTileImage_Interprocess_IsValid(identifier.c_str()) ? "valid" : "invalid";
+}
+
+std::string info(std::istream& words) {
+  std::string identifier;
+  words >> identifier;
+  std::uint32_t width = 0;
+  std::uint32_t height = 0;
+  if (!KvTileImage_InterprocessB_GetInfo(identifier.c_str(), &width, &height, nullptr, nullptr, nullptr)) {
+    return "unknown";
+  }
+  return std::to_string(width) + " x " + std::to_string(height);
+}
+
+std::string setPixel(std::istream& words) {
+  TileImageHandle* const image = imageNamedIn(words);
+  const std::uint32_t x = numberIn(words);
+  const std::uint32_t y = numberIn(words);
+  const auto value = static_cast<std::uint8_t>(numberIn(words));
+  return KvTileImage_SetPixelData(image, x, y, &value, 1) ? "set" : "failed";
+}
+
+std::string getPixel(std::istream& words) {
+  TileImageHandle* const image = imageNamedIn(words);
+  const std::uint32_t x = numberIn(words);
+  const std::uint32_t y = numberIn(words);
+  std::uint8_t value = 0;
+  return KvTileImage_GetPixelData(image, x, y, &value, 1) ? std::to_string(value) : "failed";
+}
+
 std::string writeOn(std::istream& words) {
   TileImageHandle* const image = imageNamedIn(words);
   say("writing");
@@ -158,6 +218,13 @@ using Command = std::string (*)(std::istream& words);
 
 const std::map<std::string, Command> kCommands{
     {"make", makeImage},
+    {"share", shareImage},
+    {"attach", attachToImage},
+    {"probe", probe},
+    {"info", info},
+    {"set", setPixel},
+    {"get", getPixel},
+    {"stress", stress},
     {"write",
      [](std::istream& words) -> std::string {
        TileImageHandle* const image = imageNamedIn(words);

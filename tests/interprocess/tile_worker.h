@@ -18,6 +18,9 @@ std::string answerTo(const std::string& command);
 // The same for a command that only this system knows, or knows in its own way; `words` holds what follows `name`.
 std::string systemAnswerTo(const std::string& name, std::istream& words);
 
+// Makes, finds, writes, reads and lets go of shared images at random; the words are those behind the command.
+std::string stress(std::istream& words);
+
 // Writes a line to stdout, whole and at once.
 void say(const std::string& line);
 

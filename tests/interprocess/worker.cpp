@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 bool isBackingFile(const fs::path& path) { return path.extension() == kBackingFileExtension; }
 
 std::string fileName(const Home& home, const std::string& name) {
-  return name + '-' + home.folder().filename().string() + kProgramExtension;
+  return name + '-' + home.uniqueName() + kProgramExtension;
 }
 
 // The system may hold on to a file for a moment after the end of the process that used it.
@@ -34,7 +34,7 @@ Home::Home() : userData_(userDataFolder(scratch_.path())) {}
 Home::~Home() {
   std::error_code missing;
   for (const auto& entry : fs::directory_iterator(dataFolder() / "caches", missing)) {
-    if (entry.path().filename().string().find(folder().filename().string() + '_') != std::string::npos) {
+    if (entry.path().filename().string().find(uniqueName() + '_') != std::string::npos) {
       removeSoon(entry.path());
     }
   }
@@ -126,6 +126,36 @@ std::string Worker::log(int severity) const {
 int Worker::end() {
   process_.closeInput();
   return process_.wait();
+}
+
+SharedImages::~SharedImages() {
+  std::error_code ignored;
+  fs::remove_all(folder_ / "json" / prefix_, ignored);
+  fs::remove_all(folder_ / "lockfiles" / prefix_, ignored);
+}
+
+Names SharedImages::files() const {
+  Names names;
+  for (const fs::path& folder : {folder_ / "json" / prefix_, folder_ / "lockfiles" / prefix_}) {
+    std::error_code missing;
+    for (const auto& entry : fs::recursive_directory_iterator(folder, missing)) {
+      if (entry.is_regular_file()) {
+        names.push_back(entry.path().filename().string());
+      }
+    }
+  }
+  return together(std::move(names), {});
+}
+
+std::unique_ptr<Worker> cleaningWorker(const Program& program) {
+  std::unique_ptr<Worker> worker;
+  EXPECT_TRUE(eventually([&] {
+    worker = std::make_unique<Worker>(program);
+    EXPECT_EQ(worker->ask(std::string("make cleaning") + kInMemory), "made");
+    return worker->logged("[FileMappingDirHelper::clearRubbish] need to clear cache!") == 1 &&
+           worker->logged("[TileImageInterprocessRubbishCleaner::clearRubbish] need to clear cache!") == 1;
+  }));
+  return worker;
 }
 
 Names backingFileNames(std::uint32_t processId, unsigned first, unsigned count) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,9 @@ class Home {
   std::filesystem::path configurationFile() const { return dataFolder() / "KvTileImage_FileMapingConfig.json"; }
 
   const std::filesystem::path& userData() const { return userData_; }
+
+  // That no other home has.
+  std::string uniqueName() const { return folder().filename().string(); }
 
  private:
   support::ScratchFolder scratch_;
@@ -102,6 +106,37 @@ class Worker {
   support::ChildProcess process_;
   Names log_;
 };
+
+// Identifiers of a test's own, and the files that the images of those have beside their backing files.
+class SharedImages {
+ public:
+  explicit SharedImages(const Home& home) : folder_(home.dataFolder() / "interprocessId"), prefix_(home.uniqueName()) {}
+
+  // Removes what is left.
+  ~SharedImages();
+  SharedImages(const SharedImages&) = delete;
+  SharedImages& operator=(const SharedImages&) = delete;
+
+  std::string id(const std::string& name) const { return prefix_ + '/' + name; }
+
+  std::filesystem::path descriptor(const std::string& name) const {
+    return folder_ / "json" / prefix_ / (name + ".json");
+  }
+  std::filesystem::path lockFile(const std::string& name) const {
+    return folder_ / "lockfiles" / prefix_ / (name + ".lockfile");
+  }
+
+  // The names of all descriptors and lock files.
+  Names files() const;
+
+ private:
+  std::filesystem::path folder_;
+  std::string prefix_;
+};
+
+// A new process of the program that has cleaned up after the dead ones; it has an image of its own in memory. Another
+// process may be the one that does it for all programs of the user, until it ends.
+std::unique_ptr<Worker> cleaningWorker(const Program& program);
 
 // The names of the backing files `first` to `first + count - 1` of a process, in alphabetical order.
 Names backingFileNames(std::uint32_t processId, unsigned first, unsigned count);
