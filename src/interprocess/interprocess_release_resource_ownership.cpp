@@ -22,7 +22,7 @@ constexpr const char* kDestructor = "InterprocessReleaseResourceOwnership::~Inte
 // Whoever locks the file for itself removes it and is done; only a process that was stopped takes longer.
 constexpr std::chrono::seconds kPatience{30};
 constexpr std::chrono::milliseconds kPause{1};
-constexpr int kTimesAsked = 8;
+constexpr int kTimesAsked = 6;
 
 }  // namespace
 
@@ -111,18 +111,16 @@ bool InterprocessReleaseResourceOwnership::letGo() {
 // clean-up that looks at it, for a moment; that moment may end between the two questions, so they are asked again.
 bool InterprocessReleaseResourceOwnership::isLastHolder() {
   const auto end = std::chrono::steady_clock::now() + kPatience;
-  for (int shared = 0; !fileLock_->tryExclusive();) {
+  for (int timesShared = 0; !fileLock_->tryExclusive(); std::this_thread::sleep_for(kPause)) {
     if (fileLock_->tryShared()) {
       fileLock_->unlock();
-      if (++shared == kTimesAsked) {
+      if (++timesShared == kTimesAsked) {
         return false;
       }
-      continue;
     }
     if (std::chrono::steady_clock::now() > end) {
       throw interprocess_exception("a process has kept " + lockFilePath_ + " locked for 30 seconds");
     }
-    std::this_thread::sleep_for(kPause);
   }
   return true;
 }

@@ -4,11 +4,13 @@
 // So everything that any process reads at any time is 0 or that value; and what a process has written, or has seen
 // written, stays as long as it holds the image.
 #include <array>
+#include <deque>
 #include <map>
 #include <random>
 #include <sstream>
 #include <vector>
 
+#include "ember_logger/ember_logger.h"
 #include "tile_worker.h"
 
 namespace tile_worker {
@@ -161,6 +163,34 @@ class Rounds {
   std::array<Held, kImages> held_;
 };
 
+// A process that waits for the test to read what it says would make the others wait that want its turn: messages are
+// kept until something goes wrong.
+class KeptMessages {
+ public:
+  KeptMessages() { EmberLogger_SetSink(keep, this); }
+
+  void tell() const {
+    for (const std::string& message : messages_) {
+      say(message);
+    }
+  }
+
+ private:
+  static constexpr std::size_t kMost = 200;
+
+  static void keep(int severity, const char*, const char* message, void* user) {
+    auto& messages = static_cast<KeptMessages*>(user)->messages_;
+    std::ostringstream line;
+    line << "log " << severity << ' ' << message;
+    messages.push_back(line.str());
+    if (messages.size() > kMost) {
+      messages.pop_front();
+    }
+  }
+
+  std::deque<std::string> messages_;
+};
+
 }  // namespace
 
 std::string stress(std::istream& words) {
@@ -170,10 +200,12 @@ std::string stress(std::istream& words) {
   std::uint32_t slot = 0;
   std::uint32_t slots = 1;
   words >> seed >> count >> prefix >> slot >> slots;
+  static KeptMessages messages;  // as long as the process may log
   Rounds rounds(seed, prefix, slot, slots);
   for (std::uint32_t i = 0; i < count; ++i) {
     const std::string wrong = rounds.round();
     if (!wrong.empty()) {
+      messages.tell();
       return "wrong " + wrong;
     }
     say("round " + std::to_string(i + 1));

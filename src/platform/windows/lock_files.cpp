@@ -32,7 +32,16 @@ HANDLE openShared(const std::string& path, DWORD disposition) {
 }  // namespace
 
 struct FileLock::File {
-  HANDLE handle;
+  HANDLE handle = INVALID_HANDLE_VALUE;
+
+  File() = default;
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+  ~File() {
+    if (handle != INVALID_HANDLE_VALUE) {
+      CloseHandle(handle);
+    }
+  }
 
   bool tryLock(DWORD kind) const {
     OVERLAPPED fromStart{};
@@ -47,11 +56,11 @@ struct FileLock::File {
   }
 };
 
-FileLock::FileLock(const std::string& narrowPath, IfMissing ifMissing)
-    : file_(std::make_unique<File>(
-          File{openShared(narrowPath, ifMissing == IfMissing::make ? OPEN_ALWAYS : OPEN_EXISTING)})) {}
+FileLock::FileLock(const std::string& narrowPath, IfMissing ifMissing) : file_(std::make_unique<File>()) {
+  file_->handle = openShared(narrowPath, ifMissing == IfMissing::make ? OPEN_ALWAYS : OPEN_EXISTING);
+}
 
-FileLock::~FileLock() { CloseHandle(file_->handle); }
+FileLock::~FileLock() = default;
 
 bool FileLock::tryShared() { return file_->tryLock(0); }
 
