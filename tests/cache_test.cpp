@@ -953,6 +953,42 @@ TEST_F(LeftoversTest, ThatAnotherProgramHoldsAreKept) {
   EXPECT_THAT(left(), IsEmpty());
 }
 
+// Says that one file is in use, as long as it is asked for.
+class UsersOfOneFile final : public cache::FileUsers {
+ public:
+  static std::unique_ptr<const cache::FileUsers> find() { return std::make_unique<UsersOfOneFile>(); }
+
+  bool use(const std::wstring& file) const override { return file.ends_with(L"/process_1_2.korvaneFileMapping"); }
+};
+
+TEST_F(LeftoversTest, ThatOtherProcessesUseAreKept) {
+  leave("process_1_1.korvaneFileMapping");
+  leave("process_1_2.korvaneFileMapping");
+  LogCapture log(ember_logger::trace);
+  {
+    const FileMappingDirHelper helper(host(), UsersOfOneFile::find);
+    EXPECT_THAT(left(), ElementsAre("process_1_2.korvaneFileMapping"));
+  }
+  const auto lines = log.take();
+  EXPECT_EQ(
+      std::count_if(lines.begin(), lines.end(),
+                    [](const auto& line) {
+                      return line.text.ends_with("/process_1_2.korvaneFileMapping is being used by other process!");
+                    }),
+      1);
+  const FileMappingDirHelper helper(host());
+  EXPECT_THAT(left(), IsEmpty());
+}
+
+TEST_F(LeftoversTest, StayIfTheirUsersCannotBeFound) {
+  leave("process_1_1.korvaneFileMapping");
+  LogCapture log(ember_logger::warning);
+  const FileMappingDirHelper helper(
+      host(), []() -> std::unique_ptr<const cache::FileUsers> { throw std::runtime_error("no idea"); });
+  EXPECT_THAT(left(), ElementsAre("process_1_1.korvaneFileMapping"));
+  EXPECT_EQ(log.take(), (support::LogLines{{3, "[FileMappingDirHelper::clearRubbish] ended early: no idea"}}));
+}
+
 TEST_F(LeftoversTest, InAllFoldersAreRemoved) {
   const ScratchFolder elsewhere(support::folderOnAnotherDisk());
   configureRoots({elsewhere.path().generic_string(), utf8Of(L"a")});

@@ -189,6 +189,48 @@ TEST(TileGridTest, RefusesUnknownAccessPatternsForFiles) {
   EXPECT_FALSE(TileGrid::forFileMapping(format(1, 8), 100, 100, KVTI_SCANLINE_OPERATION_ROW, 0));
 }
 
+// As another process tells of it.
+struct DescribedGrid {
+  std::uint32_t width, height, samples, bits;
+  core::TileGridDescription grid;
+};
+
+TEST(TileGridTest, IsTakenAsDescribed) {
+  // 10000 x 2000 pixels in 3 x 2 tiles of 4096 x 1024; the last ones 1808 wide and 976 high.
+  const auto grid = TileGrid::described(format(1, 8), 10000, 2000, {4096, 1024, 2, 3}, 4096);
+  ASSERT_TRUE(grid);
+  EXPECT_EQ(grid->tileBaseWidth(), 4096U);
+  EXPECT_EQ(grid->tileBaseHeight(), 1024U);
+  EXPECT_EQ(grid->tileRowCount(), 2U);
+  EXPECT_EQ(grid->tileColCount(), 3U);
+  EXPECT_EQ(grid->byteSizes().inner, 4096U * 1024);
+  EXPECT_EQ(grid->byteSizes().lastColumn, 1851392U);  // 1808 * 1024, 452 units of 4096
+  EXPECT_EQ(grid->byteSizes().lastRow, 4096U * 976);
+  EXPECT_EQ(grid->byteSizes().corner, 1765376U);  // 1808 * 976 = 1764608, rounded up to 431 units
+  for (const DescribedGrid& good :
+       {DescribedGrid{1, 1, 1, 8, {8, 1, 1, 1}}, DescribedGrid{1, 1, 1, 8, {4294967288, 4294967295, 1, 1}},
+        DescribedGrid{16, 2, 1, 1, {8, 1, 2, 2}}, DescribedGrid{4294967295, 1, 1, 8, {1024, 1, 1, 4194304}}}) {
+    EXPECT_TRUE(TileGrid::described(format(good.samples, good.bits), good.width, good.height, good.grid, 4096));
+  }
+}
+
+TEST(TileGridTest, IsRefusedIfTheDescriptionIsNoneOfTheImage) {
+  for (const DescribedGrid& bad :
+       {DescribedGrid{100, 100, 1, 8, {0, 128, 1, 1}}, DescribedGrid{100, 100, 1, 8, {128, 0, 1, 1}},
+        DescribedGrid{100, 100, 1, 8, {104, 100, 0, 1}}, DescribedGrid{100, 100, 1, 8, {104, 100, 1, 0}},
+        DescribedGrid{100, 100, 1, 8, {104, 100, 2, 1}}, DescribedGrid{100, 100, 1, 8, {104, 100, 1, 2}},
+        DescribedGrid{100, 100, 1, 8, {100, 100, 1, 1}},  // no multiple of 8
+        DescribedGrid{100, 100, 1, 8, {4294967296, 100, 1, 1}}, DescribedGrid{100, 100, 1, 8, {104, 4294967296, 1, 1}},
+        DescribedGrid{100, 100, 1, 8, {6148914691236517208, 100, 1, 1}},
+        DescribedGrid{4294967295, 2, 1, 8, {1024, 1, 2, 4194304}},  // more than 2^22 tiles
+        DescribedGrid{4294967295, 4294967295, 4294967295, 8, {4294967288, 4294967295, 1, 2}}}) {
+    EXPECT_FALSE(TileGrid::described(format(bad.samples, bad.bits), bad.width, bad.height, bad.grid, 4096))
+        << bad.grid.tileBaseWidth << " x " << bad.grid.tileBaseHeight << ", " << bad.grid.tileColCount << " x "
+        << bad.grid.tileRowCount;
+  }
+  EXPECT_FALSE(TileGrid::described(format(1, 8), 100, 100, {104, 100, 1, 1}, 0));
+}
+
 TEST(TileGridTest, RefusesBitsBeyondSixtyFourBits) {
   constexpr std::uint32_t kMost = std::numeric_limits<std::uint32_t>::max();
   EXPECT_FALSE(TileGrid::forMemory(format(2, 8), kMost, kMost));

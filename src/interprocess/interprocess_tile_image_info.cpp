@@ -83,8 +83,8 @@ bool InterprocessFileMappingInfo::unserialize(const Value& object) {
     return false;
   }
   dirList.clear();
-  for (const Value& folder : folders->GetArray()) {
-    dirList.push_back(asText(&folder));
+  for (rapidjson::SizeType i = 0; i < folders->Size(); ++i) {
+    dirList.push_back(asText(&(*folders)[i]));
   }
   prefix = asText(cache::findMember(object, "prefix"));
   suffix = asText(cache::findMember(object, "suffix"));
@@ -94,8 +94,8 @@ bool InterprocessFileMappingInfo::unserialize(const Value& object) {
     return false;
   }
   fileBriefInfoList.reserve(fileBriefInfoList.size() + files->Size());
-  for (const Value& element : files->GetArray()) {
-    const auto file = fileOf(element);
+  for (rapidjson::SizeType i = 0; i < files->Size(); ++i) {
+    const auto file = fileOf((*files)[i]);
     if (!file) {
       return false;
     }
