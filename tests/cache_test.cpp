@@ -958,22 +958,22 @@ class UsersOfOneFile final : public cache::FileUsers {
  public:
   static std::unique_ptr<const cache::FileUsers> find() { return std::make_unique<UsersOfOneFile>(); }
 
-  bool use(const std::wstring& file) const override { return file.ends_with(L"/process_1_2.korvaneFileMapping"); }
+  bool use(const std::wstring& file) const override { return file.ends_with(L"/stray2.korvaneFileMapping"); }
 };
 
 TEST_F(LeftoversTest, ThatOtherProcessesUseAreKept) {
-  leave("process_1_1.korvaneFileMapping");
-  leave("process_1_2.korvaneFileMapping");
+  leave("stray1.korvaneFileMapping");
+  leave("stray2.korvaneFileMapping");
   LogCapture log(ember_logger::trace);
   {
     const FileMappingDirHelper helper(host(), UsersOfOneFile::find);
-    EXPECT_THAT(left(), ElementsAre("process_1_2.korvaneFileMapping"));
+    EXPECT_THAT(left(), ElementsAre("stray2.korvaneFileMapping"));
   }
   const auto lines = log.take();
   EXPECT_EQ(
       std::count_if(lines.begin(), lines.end(),
                     [](const auto& line) {
-                      return line.text.ends_with("/process_1_2.korvaneFileMapping is being used by other process!");
+                      return line.text.ends_with("/stray2.korvaneFileMapping is being used by other process!");
                     }),
       1);
   const FileMappingDirHelper helper(host());
@@ -981,11 +981,11 @@ TEST_F(LeftoversTest, ThatOtherProcessesUseAreKept) {
 }
 
 TEST_F(LeftoversTest, StayIfTheirUsersCannotBeFound) {
-  leave("process_1_1.korvaneFileMapping");
+  leave("stray1.korvaneFileMapping");
   LogCapture log(ember_logger::warning);
   const FileMappingDirHelper helper(
       host(), []() -> std::unique_ptr<const cache::FileUsers> { throw std::runtime_error("no idea"); });
-  EXPECT_THAT(left(), ElementsAre("process_1_1.korvaneFileMapping"));
+  EXPECT_THAT(left(), ElementsAre("stray1.korvaneFileMapping"));
   EXPECT_EQ(log.take(), (support::LogLines{{3, "[FileMappingDirHelper::clearRubbish] ended early: no idea"}}));
 }
 
