@@ -12,4 +12,10 @@ using ull = unsigned long long;
 // Made when the library is loaded, destroyed when it is unloaded. Any thread may use it.
 ember_logger::Logger& logger() noexcept;
 
+// Logs an error whose format has no other argument than the function's name. Always false.
+inline bool fail(const char* format, const char* function) {
+  logger().log(ember_logger::error, format, function);
+  return false;
+}
+
 }  // namespace base

@@ -10,16 +10,12 @@
 
 namespace core {
 
+using base::fail;
 using base::ull;
 using interprocess::InterprocessTileImageInfo;
 using interprocess::TileImageInterprocessJsonHelper;
 
 namespace {
-
-bool fail(const char* format, const char* function) {
-  base::logger().log(ember_logger::error, format, function);
-  return false;
-}
 
 bool failWithException(const char* function, const std::exception& exception) {
   base::logger().log(ember_logger::error, "[%s] throw exception:%s!", function, exception.what());

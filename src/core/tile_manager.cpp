@@ -14,6 +14,7 @@
 namespace core {
 namespace {
 
+using base::fail;
 using base::ull;
 using interprocess::InterprocessTileImageInfo;
 using storage::FileMappingStorageStrategy;
@@ -22,11 +23,6 @@ using storage::TileImageMemoryByteCounter;
 constexpr const char* kPostInitializeNormal = "TileManager::postInitializeNormal";
 constexpr const char* kPostInitializeA = "TileManager::postInitializeInterprocessA";
 constexpr const char* kPostInitializeB = "TileManager::postInitializeInterprocessB";
-
-bool fail(const char* format, const char* function) {
-  base::logger().log(ember_logger::error, format, function);
-  return false;
-}
 
 bool refuseWithoutGrid(const char* function) {
   return fail("[%s] no tile grid: the image's bits must fit 64 bits and its scanlineOperation be 1, 2 or 3", function);

@@ -10,6 +10,7 @@
 namespace interprocess {
 namespace {
 
+using base::fail;
 using cache::findMember;
 using cache::JsonHelper;
 using rapidjson::Document;
@@ -17,11 +18,6 @@ using rapidjson::Value;
 
 constexpr const char* kSerialize = "TileImageInterprocessJsonHelper::serialize";
 constexpr const char* kUnserialize = "TileImageInterprocessJsonHelper::unserialize";
-
-bool fail(const char* format, const char* function) {
-  base::logger().log(ember_logger::error, format, function);
-  return false;
-}
 
 Value metaValue(Document::AllocatorType& allocator) {
   Value meta(rapidjson::kObjectType);

@@ -26,6 +26,7 @@
 namespace storage {
 namespace {
 
+using base::fail;
 using base::ull;
 using cache::FileMappingDirHelper;
 using cache::FileMappingFilePathHelper;
@@ -37,11 +38,6 @@ constexpr const char* kPostInitializeCommon = "FileMappingStorageStrategy::postI
 constexpr const char* kPostInitialize = "FileMappingStorageStrategy::postInitializeInterprocessA";
 constexpr const char* kPostInitializeB = "FileMappingStorageStrategy::postInitializeInterprocessB";
 constexpr const char* kDestructor = "FileMappingStorageStrategy::~FileMappingStorageStrategy";
-
-bool fail(const char* format, const char* function) {
-  base::logger().log(ember_logger::error, format, function);
-  return false;
-}
 
 bool failWithException(const std::exception& exception, const char* function) {
   base::logger().log(ember_logger::error, "[%s] postInitialize failed [reason: exception %s]", function,
