@@ -330,6 +330,38 @@ TEST(LibraryMessagesTest, TheReasonIsTheFirstErrorsText) {
   EXPECT_EQ(messages.reason(), " (create failed)");
 }
 
+TEST(LibraryMessagesTest, ExpectedErrorsAreNoReason) {
+  kvtile::Console console(false, true);
+  kvtile::LibraryMessages messages(console);
+  ember_logger::Logger logger("KvTileImage", nullptr, ember_logger::trace, false, false, false, true, 0x100000, nullptr,
+                              nullptr, nullptr);
+  const auto look = [&logger] {
+    logger.log(ember_logger::error, "[Files::read] a.json open failed!");
+    logger.log(ember_logger::error, "[Image::find] read failed");
+  };
+  look();
+  messages.expectThese();
+  EXPECT_EQ(messages.reason(), "");
+  look();
+  EXPECT_EQ(messages.reason(), "");
+  logger.log(ember_logger::error, "[Files::create] the disk is full");
+  EXPECT_EQ(messages.reason(), " (the disk is full)");
+  messages.forget();
+  look();
+  EXPECT_EQ(messages.reason(), " (a.json open failed)") << "expected no longer";
+}
+
+TEST(LibraryMessagesTest, ManyErrorsAreNotAllKept) {
+  kvtile::Console console(false, true);
+  kvtile::LibraryMessages messages(console);
+  ember_logger::Logger logger("KvTileImage", nullptr, ember_logger::trace, false, false, false, true, 0x100000, nullptr,
+                              nullptr, nullptr);
+  for (int i = 0; i < 100000; ++i) {
+    logger.log(ember_logger::error, "row %d failed", i);
+  }
+  EXPECT_EQ(messages.reason(), " (row 0 failed)");
+}
+
 // The library is stopped by an exception from its callback. In a process of its own: the request stays made.
 TEST(ImageTest, ARequestToStopEndsTheTurning) {
   const auto turnAfterRequest = [] {
