@@ -1,5 +1,9 @@
 #include "checks.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
 #include "description.h"
 #include "errors.h"
 
@@ -43,6 +47,13 @@ void tellOfOtherPages(Reader& reader, const std::string& input, Console& console
   const std::uint64_t pages = reader.pages();
   if (pages > 1) {
     console.note(input + " has " + std::to_string(pages) + " pages; only the first is read");
+  }
+}
+
+void requirePrinted() {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    throw Failure("standard output", std::string("cannot be written (") + std::strerror(errno) + ")",
+                  "check where it leads to");
   }
 }
 

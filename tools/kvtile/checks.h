@@ -1,4 +1,4 @@
-// What several commands check, and tell, before they start to work.
+// What several commands check, and tell.
 #ifndef KVTILE_CHECKS_H
 #define KVTILE_CHECKS_H
 
@@ -24,6 +24,9 @@ void requireTurnable(const std::string& input, const PixelFormat& format, const 
 
 // A note if the file has more pictures than the one that is read.
 void tellOfOtherPages(Reader& reader, const std::string& input, Console& console);
+
+// Throws a Failure if standard output has not taken all that was printed.
+void requirePrinted();
 
 }  // namespace kvtile
 

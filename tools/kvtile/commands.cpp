@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <optional>
 
 #include "chart.h"
@@ -271,10 +269,7 @@ bool showInfo(const std::vector<std::string>& files, Console& console) {
     }
     Progress::check();
   }
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-    throw Failure("standard output", std::string("cannot be written (") + std::strerror(errno) + ")",
-                  "check where it leads to");
-  }
+  requirePrinted();
   return good;
 }
 
