@@ -247,8 +247,8 @@ TEST_F(CommandLineTest, HelpNamesEveryOptionAndGivesExamples) {
   EXPECT_EQ(all.status, 0);
   EXPECT_EQ(all.err, "");
   for (const char* word :
-       {"info", "convert", "rotate", "mirror", "resize", "tone", "histogram", "--budget", "--storage", "--stats",
-        "--verbose", "--quiet", "--force", "--to-8bit", "--version", "Examples:"}) {
+       {"info", "convert", "rotate", "mirror", "resize", "tone", "histogram", "share", "attach", "shared", "--budget",
+        "--storage", "--stats", "--verbose", "--quiet", "--force", "--to-8bit", "--version", "Examples:"}) {
     EXPECT_THAT(all.out, HasSubstr(word));
   }
   for (const char* command : {"convert", "rotate", "mirror", "resize", "tone", "histogram"}) {
@@ -273,6 +273,16 @@ TEST_F(CommandLineTest, HelpNamesEveryOptionAndGivesExamples) {
   }
   EXPECT_THAT(tone, AllOf(HasSubstr("in the order in which they are given"), HasSubstr("control points")));
   EXPECT_THAT(sandbox_.kvtile({"info", "--help"}).out, HasSubstr("kvtile info scan.tif"));
+  const std::string share = sandbox_.kvtile({"share", "--help"}).out;
+  for (const char* word : {"ID", "FILE", "--until-stopped", "--force", "--to-8bit", "kvtile share scan scan.tif",
+                           "resolution (dpi)", "are not shared"}) {
+    EXPECT_THAT(share, HasSubstr(word));
+  }
+  const std::string attach = sandbox_.kvtile({"attach", "--help"}).out;
+  for (const char* word : {"ID", "OUT", "--force", "--to-8bit", "kvtile attach scan copy.png", "no colour profile"}) {
+    EXPECT_THAT(attach, HasSubstr(word));
+  }
+  EXPECT_THAT(sandbox_.kvtile({"shared", "--help"}).out, HasSubstr("Listing changes\nnothing."));
 }
 
 TEST_F(CommandLineTest, VersionNamesTheLibrarys) {

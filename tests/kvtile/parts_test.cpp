@@ -5,7 +5,9 @@
 #include <tiffio.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -17,6 +19,7 @@
 #include "progress.h"
 #include "samples.h"
 #include "support/raster.h"
+#include "support/sandbox.h"
 #include "system.h"
 #include "text.h"
 #include "tiff_writer.h"
@@ -330,6 +333,38 @@ TEST(LibraryMessagesTest, TheReasonIsTheFirstErrorsText) {
   EXPECT_EQ(messages.reason(), " (create failed)");
 }
 
+TEST(LibraryMessagesTest, ExpectedErrorsAreNoReason) {
+  kvtile::Console console(false, true);
+  kvtile::LibraryMessages messages(console);
+  ember_logger::Logger logger("KvTileImage", nullptr, ember_logger::trace, false, false, false, true, 0x100000, nullptr,
+                              nullptr, nullptr);
+  const auto look = [&logger] {
+    logger.log(ember_logger::error, "[Files::read] a.json open failed!");
+    logger.log(ember_logger::error, "[Image::find] read failed");
+  };
+  look();
+  messages.expectThese();
+  EXPECT_EQ(messages.reason(), "");
+  look();
+  EXPECT_EQ(messages.reason(), "");
+  logger.log(ember_logger::error, "[Files::create] the disk is full");
+  EXPECT_EQ(messages.reason(), " (the disk is full)");
+  messages.forget();
+  look();
+  EXPECT_EQ(messages.reason(), " (a.json open failed)") << "expected no longer";
+}
+
+TEST(LibraryMessagesTest, ManyErrorsAreNotAllKept) {
+  kvtile::Console console(false, true);
+  kvtile::LibraryMessages messages(console);
+  ember_logger::Logger logger("KvTileImage", nullptr, ember_logger::trace, false, false, false, true, 0x100000, nullptr,
+                              nullptr, nullptr);
+  for (int i = 0; i < 100000; ++i) {
+    logger.log(ember_logger::error, "row %d failed", i);
+  }
+  EXPECT_EQ(messages.reason(), " (row 0 failed)");
+}
+
 // The library is stopped by an exception from its callback. In a process of its own: the request stays made.
 TEST(ImageTest, ARequestToStopEndsTheTurning) {
   const auto turnAfterRequest = [] {
@@ -386,6 +421,103 @@ TEST(TextTest, KnowsTextFromOtherBytes) {
 TEST(TextTest, MakesNamesReadable) {
   EXPECT_EQ(kvtile::asUtf8("scan 1.tif"), "scan 1.tif");
   EXPECT_EQ(kvtile::asUtf8("\xc3\xbc\n\xff\xe2\x82x"), "\xc3\xbc????x");
+}
+
+TEST(TextTest, CountsCharacters) {
+  EXPECT_EQ(kvtile::characters(""), 0U);
+  EXPECT_EQ(kvtile::characters("scan 1"), 6U);
+  EXPECT_EQ(kvtile::characters("\xc3\xbc\xe2\x82\xac\xf0\x9f\x98\x80x"), 4U);
+}
+
+// A shell is who knows best.
+TEST(TextTest, WordsOfAShellAreWhatTheyStandFor) {
+  for (const std::string text :
+       {"scans/page-1.2", "", "two words", "Ann's", "''", "$HOME `id` \\ \"x\" *?~&;|<>#!", "-n"}) {
+    const std::string command = "printf %s- " + kvtile::shellWord(text);
+    std::FILE* shell = popen(command.c_str(), "r");
+    ASSERT_NE(shell, nullptr);
+    std::array<char, 100> said = {};
+    const std::size_t length = std::fread(said.data(), 1, said.size(), shell);
+    pclose(shell);
+    EXPECT_EQ(std::string(said.data(), length), text + "-");
+  }
+  EXPECT_EQ(kvtile::shellWord("scans/page-1.2"), "scans/page-1.2");
+}
+
+// ---- Shared images
+
+TEST(PictureTest, IsAssumedByItsSamples) {
+  using kvtile::Extra;
+  using kvtile::Photometric;
+  const auto assumed = [](std::uint32_t samples) {
+    return Picture::assumed(7, 5, {samples, 16, kvtile::SampleFormat::Signed});
+  };
+  const Picture grey = assumed(1);
+  EXPECT_EQ(grey.width, 7U);
+  EXPECT_EQ(grey.height, 5U);
+  EXPECT_EQ(grey.pixels, (kvtile::PixelFormat{1, 16, kvtile::SampleFormat::Signed}));
+  EXPECT_EQ(grey.photometric, Photometric::BlackIsZero);
+  EXPECT_EQ(assumed(2).photometric, Photometric::BlackIsZero);
+  EXPECT_EQ(assumed(3).photometric, Photometric::Rgb);
+  EXPECT_EQ(assumed(4).photometric, Photometric::Rgb);
+  EXPECT_THAT(grey.extras, testing::IsEmpty());
+  EXPECT_THAT(assumed(2).extras, testing::ElementsAre(Extra::StraightAlpha));
+  EXPECT_THAT(assumed(3).extras, testing::IsEmpty());
+  EXPECT_THAT(assumed(4).extras, testing::ElementsAre(Extra::StraightAlpha));
+  EXPECT_THAT(assumed(5).extras, testing::ElementsAre(Extra::Unspecified, Extra::Unspecified));
+}
+
+TEST(SampleFormatTest, CodesOfTheLibraryAreUnderstood) {
+  using kvtile::SampleFormat;
+  const std::pair<std::uint32_t, SampleFormat> cases[] = {{KVTI_SAMPLEFORMAT_UINT, SampleFormat::Unsigned},
+                                                          {KVTI_SAMPLEFORMAT_INT, SampleFormat::Signed},
+                                                          {KVTI_SAMPLEFORMAT_FLOAT, SampleFormat::Float},
+                                                          {4, SampleFormat::Untyped},
+                                                          {KVTI_SAMPLEFORMAT_INT64, SampleFormat::Signed},
+                                                          {KVTI_SAMPLEFORMAT_DOUBLE, SampleFormat::Float},
+                                                          {KVTI_SAMPLEFORMAT_UNSET, SampleFormat::Unsigned},
+                                                          {0, SampleFormat::Unsigned},
+                                                          {77, SampleFormat::Unsigned}};
+  for (const auto& [code, format] : cases) {
+    EXPECT_EQ(kvtile::sampleFormatOf(code), format) << code;
+  }
+  for (const std::uint32_t bits : {32U, 64U}) {
+    for (const SampleFormat format :
+         {SampleFormat::Unsigned, SampleFormat::Signed, SampleFormat::Float, SampleFormat::Untyped}) {
+      EXPECT_EQ(kvtile::sampleFormatOf(kvtile::librarySampleformat({1, bits, format})), format);
+    }
+  }
+}
+
+TEST(LockTest, TellsWhatOthersHold) {
+  using kvtile::system::FileLock;
+  using kvtile::system::LockUse;
+  using kvtile::system::lockUseOf;
+  const support::Sandbox sandbox;
+  const std::string path = sandbox.path("lock");
+  int error = -1;
+  EXPECT_EQ(lockUseOf(path), LockUse::NoFile);
+  EXPECT_EQ(FileLock().tryTake(path, error), FileLock::Outcome::NoFile);
+  EXPECT_EQ(error, ENOENT);
+  EXPECT_THAT(sandbox.names(), testing::IsEmpty()) << "nothing is made";
+
+  sandbox.write("lock", "");
+  EXPECT_EQ(lockUseOf(path), LockUse::None);
+  EXPECT_EQ(lockUseOf(sandbox.folder()), LockUse::Unknown);
+  {
+    FileLock lock;
+    EXPECT_EQ(lock.tryTake(path, error), FileLock::Outcome::Taken);
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(lockUseOf(path), LockUse::Exclusive);
+    EXPECT_EQ(FileLock().tryTake(path, error), FileLock::Outcome::InUse);
+  }
+  EXPECT_EQ(lockUseOf(path), LockUse::None) << "given up with the object";
+
+  support::Process sharer({"flock", "--no-fork", "--shared", "lock", "sh", "-c", "echo locked; exec sleep 60"},
+                          sandbox.folder());
+  ASSERT_EQ(sharer.firstLine(), "locked");
+  EXPECT_EQ(lockUseOf(path), LockUse::Shared);
+  EXPECT_EQ(FileLock().tryTake(path, error), FileLock::Outcome::InUse);
 }
 
 }  // namespace

@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <optional>
 
 #include "chart.h"
+#include "checks.h"
 #include "conversion.h"
 #include "description.h"
 #include "errors.h"
@@ -26,42 +25,6 @@
 
 namespace kvtile {
 namespace {
-
-FileFormat requireKnownExtension(const std::string& output) {
-  const auto format = formatByExtension(output);
-  if (!format) {
-    throw WrongUsage(output, "its extension tells no format", "end the name in .png, .tif or .tiff");
-  }
-  return *format;
-}
-
-// Widening counts from zero to the highest value, and a palette's numbers have to stay what they are.
-void requireWidenable(const std::string& input, const Picture& picture) {
-  if (!picture.pixels.packed()) {
-    return;
-  }
-  const bool numbers = picture.pixels.sampleFormat == SampleFormat::Unsigned;
-  if (!numbers || (picture.photometric == Photometric::Palette && picture.pixels.samples > 1)) {
-    throw Failure(input, "its samples (" + describeSamples(picture.pixels) + ") cannot be widened to 8 bits",
-                  "run again without --to-8bit");
-  }
-}
-
-// Two packed layouts do not come through the library's turning; see KvTileImage_RotateAndMirror.
-void requireTurnable(const std::string& input, const PixelFormat& format, const Turn& turn) {
-  const bool wholePixelsOffBytes =
-      format.packed() && format.bitsPerPixel() >= 8 && format.bitsPerPixel() % 8 != 0 && turn.swapsSides();
-  if (format.bits == 2 && turn.reversesRows()) {
-    throw Failure(input, "rows of 2-bit samples cannot be reversed without altering them",
-                  "run again with --to-8bit to widen them");
-  }
-  if (wholePixelsOffBytes) {
-    throw Failure(input,
-                  "pixels of " + std::to_string(format.samples) + " x " + std::to_string(format.bits) +
-                      " bits do not start on whole bytes and cannot be turned sideways",
-                  "run again with --to-8bit to widen them");
-  }
-}
 
 // Throws a Failure for what can be known to fail of every command before the work starts.
 void checkFiles(const Request& request, Reader& reader) {
@@ -187,13 +150,6 @@ void write(const Chart& chart, Writer& writer) {
   Progress::check();
 }
 
-void tellOfOtherPages(Reader& reader, const std::string& input, Console& console) {
-  const std::uint64_t pages = reader.pages();
-  if (pages > 1) {
-    console.note(input + " has " + std::to_string(pages) + " pages; only the first is read");
-  }
-}
-
 std::string placeName(bool inMemory) { return inMemory ? "memory" : "files"; }
 
 std::string describePlaces(const Storage& storage, const Plan& plan) {
@@ -313,10 +269,7 @@ bool showInfo(const std::vector<std::string>& files, Console& console) {
     }
     Progress::check();
   }
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-    throw Failure("standard output", std::string("cannot be written (") + std::strerror(errno) + ")",
-                  "check where it leads to");
-  }
+  requirePrinted();
   return good;
 }
 

@@ -1,5 +1,7 @@
 #include "conversion.h"
 
+#include <utility>
+
 #include "description.h"
 #include "errors.h"
 #include "samples.h"
@@ -113,21 +115,69 @@ Delivery planTiff(const Picture& held) {
   return delivery;
 }
 
+// What comes with the pixels in a file and not in a shared image.
+std::string describeLosses(const Picture& held) {
+  const bool white = held.tiff && (held.tiff->whitePoint || held.tiff->primaries);
+  const std::pair<bool, const char*> parts[] = {
+      {held.resolution.has_value(), "the resolution"},
+      {!held.iccProfile.empty(), "the ICC profile"},
+      {white || held.pngColour.gamma || held.pngColour.chromaticities, "the description of the colours"},
+      {held.colourKey.has_value(), "the transparent colour"}};
+  std::string text;
+  for (const auto& [present, name] : parts) {
+    if (present) {
+      text += (text.empty() ? "" : ", ") + std::string(name);
+    }
+  }
+  return text;
+}
+
 }  // namespace
 
 Delivery planDelivery(const Picture& held, FileFormat format, const std::string& path) {
   return format == FileFormat::Png ? planPng(held, path) : planTiff(held);
 }
 
+Delivery planSharing(const Picture& held) {
+  const PixelFormat& format = held.pixels;
+  const bool invertible =
+      format.sampleFormat == SampleFormat::Unsigned && format.bits <= 16 && (format.samples == 1 || !format.packed());
+  const bool alone = format.samples == held.colourSamples() + 1;
+  Delivery delivery;
+  delivery.expandPalette = held.photometric == Photometric::Palette && format.samples == 1 && format.bits <= 8;
+  delivery.invert = held.photometric == Photometric::WhiteIsZero && invertible;
+  delivery.straighten = held.extras == std::vector{Extra::AssociatedAlpha} && alone && invertible && !format.packed();
+
+  Picture shared = delivery.expandPalette ? held.withoutPalette() : held;
+  if (delivery.invert || shared.photometric == Photometric::Mask) {
+    shared.photometric = Photometric::BlackIsZero;
+  }
+  if (delivery.straighten) {
+    shared.extras = {Extra::StraightAlpha};
+  }
+  delivery.picture = Picture::assumed(held.width, held.height, shared.pixels);
+  const std::string meant = describeMeaning(shared.photometric, shared.extras);
+  const std::string assumed = describeMeaning(delivery.picture.photometric, delivery.picture.extras);
+  if (meant != assumed) {
+    delivery.notes.push_back("a shared image does not tell what its samples mean: these (" + meant +
+                             ") will be taken for " + assumed);
+  }
+  if (const std::string losses = describeLosses(held); !losses.empty()) {
+    delivery.notes.push_back("not shared, as a shared image has pixels only: " + losses);
+  }
+  return delivery;
+}
+
 RowConverter::RowConverter(const Picture& held, const Delivery& delivery) : held_(held), delivery_(delivery) {
   if (delivery_.expandPalette) {
+    palette_ = held_.tiff ? held_.palette.spread() : held_.palette;
     expanded_.resize(delivery_.picture.rowBytes());
   }
 }
 
 std::span<std::uint8_t> RowConverter::convert(std::span<std::uint8_t> row) {
   if (delivery_.expandPalette) {
-    expandPalette(row, held_.pixels.bits, held_.palette, held_.width, delivery_.picture.pixels.samples, expanded_);
+    expandPalette(row, held_.pixels.bits, palette_, held_.width, delivery_.picture.pixels.samples, expanded_);
     return expanded_;
   }
   // Alpha is divided out first: it was multiplied with the samples as they are stored.

@@ -54,13 +54,6 @@ std::string roomAdvice(bool inMemory, std::uint64_t budgetForMemory) {
   return "see to that folder, or run again with --storage memory --budget " + budgetText(budgetForMemory);
 }
 
-// The library has a code of its own for floating-point numbers of 64 bits.
-std::uint32_t librarySampleformat(const PixelFormat& format) {
-  return format.sampleFormat == SampleFormat::Float && format.bits == 64
-             ? KVTI_SAMPLEFORMAT_DOUBLE
-             : static_cast<std::uint32_t>(format.sampleFormat);
-}
-
 // The scale for the library, a little less than `to` by `from`. By whole odd numbers, and where a side stays, some
 // weights of Catmull-Rom and Lanczos would be exactly 0; the library leaves pixels out for them, and the last two rows
 // and columns would be black. The last pixel of 100,000 moves by a ten-millionth of a pixel.
@@ -87,6 +80,28 @@ TableMapHandle makeMap(const ChannelCurves& curves) {
 }
 
 }  // namespace
+
+std::uint32_t librarySampleformat(const PixelFormat& format) {
+  // Floating-point numbers of 64 bits have a code of their own.
+  return format.sampleFormat == SampleFormat::Float && format.bits == 64
+             ? KVTI_SAMPLEFORMAT_DOUBLE
+             : static_cast<std::uint32_t>(format.sampleFormat);
+}
+
+SampleFormat sampleFormatOf(std::uint32_t librarySampleformat) {
+  switch (librarySampleformat) {
+    case KVTI_SAMPLEFORMAT_INT:
+    case KVTI_SAMPLEFORMAT_INT64:
+      return SampleFormat::Signed;
+    case KVTI_SAMPLEFORMAT_FLOAT:
+    case KVTI_SAMPLEFORMAT_DOUBLE:
+      return SampleFormat::Float;
+    case static_cast<std::uint32_t>(SampleFormat::Untyped):
+      return SampleFormat::Untyped;
+    default:
+      return SampleFormat::Unsigned;
+  }
+}
 
 Storage::Storage(std::uint64_t budget, Placement placement)
     : budget_(budget == 0 ? kInitialBudget : std::max(budget, kSmallestBudget)), placement_(placement) {
@@ -154,6 +169,37 @@ Image::Image(const std::string& file, const Picture& picture, const Storage& sto
          storage.adviceForImage(picture));
   }
   setResolution(picture);
+}
+
+Image Image::share(const std::string& identifier, const Picture& picture, LibraryMessages& messages) {
+  Image image(identifier, messages);
+  messages.forget();
+  // The library looks for an image before it makes one. That there is none is logged as errors and no reason to fail.
+  KvTileImage_InterprocessB_GetInfo(identifier.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr);
+  messages.expectThese();
+  image.handle_.reset(KvTileImage_InterprocessA_Alloc(identifier.c_str(), picture.width, picture.height,
+                                                      picture.pixels.samples, picture.pixels.bits,
+                                                      librarySampleformat(picture.pixels)));
+  if (image.handle_ == nullptr) {
+    image.fail("the image cannot be shared", "see --verbose for more");
+  }
+  return image;
+}
+
+Image Image::attach(const std::string& identifier, LibraryMessages& messages) {
+  Image image(identifier, messages);
+  messages.forget();
+  image.handle_.reset(KvTileImage_InterprocessB_Alloc(identifier.c_str()));
+  if (image.handle_ == nullptr) {
+    image.fail("the image cannot be attached to", "share it again");
+  }
+  return image;
+}
+
+PixelFormat Image::pixels() const {
+  const TileImageHandle* image = handle_.get();
+  return {KvTileImage_GetSamplesPerPixel(image), KvTileImage_GetBitsPerSample(image),
+          sampleFormatOf(KvTileImage_GetSampleformat(image))};
 }
 
 void Image::getRow(std::uint32_t y, std::uint32_t x1, std::uint32_t x2, std::span<std::uint8_t> row) {

@@ -20,6 +20,11 @@
 
 namespace kvtile {
 
+// The library's code for the kind of numbers that samples are, and back. Codes that say nothing, or nothing that files
+// could say, count as unsigned numbers.
+std::uint32_t librarySampleformat(const PixelFormat& format);
+SampleFormat sampleFormatOf(std::uint32_t librarySampleformat);
+
 // Which curve changes which sample of a pixel. Samples share curves.
 using ChannelCurves = std::map<std::uint32_t, std::shared_ptr<const ToneCurve>>;
 
@@ -60,15 +65,21 @@ class Storage {
   Placement placement_;
 };
 
-// Owns one image of the library. All failures are Failures that name the file the image was made for and give the
-// library's reason.
+// Owns one image of the library, or one hold of a shared image. All failures are Failures that name the file or the
+// identifier that it was made for and give the library's reason.
 class Image {
  public:
   // An image with `picture`'s size, format and resolution, all samples zero, kept where `storage` says. `messages` has
   // to outlive it.
   Image(const std::string& file, const Picture& picture, const Storage& storage, LibraryMessages& messages);
 
-  // The file that it was made for.
+  // A shared image of that identifier with the size and format of `picture`. One that exists already keeps its pixels.
+  static Image share(const std::string& identifier, const Picture& picture, LibraryMessages& messages);
+
+  // The shared image of that identifier.
+  static Image attach(const std::string& identifier, LibraryMessages& messages);
+
+  // The file, or the identifier, that it was made for.
   const std::string& file() const { return file_; }
 
   std::uint32_t width() const { return KvTileImage_GetWidth(handle_.get()); }
@@ -76,6 +87,8 @@ class Image {
 
   float dpiX() const { return KvTileImage_GetDpiX(handle_.get()); }
   float dpiY() const { return KvTileImage_GetDpiY(handle_.get()); }
+
+  PixelFormat pixels() const;
 
   // The bytes of a whole row.
   std::uint64_t rowBytes() const { return KvTileImage_GetRowScanlineSuitableBytes(handle_.get()); }
@@ -99,6 +112,8 @@ class Image {
 
  private:
   friend class RowScaler;
+
+  Image(const std::string& identifier, LibraryMessages& messages) : file_(identifier), messages_(messages) {}
 
   void setResolution(const Picture& picture);
   [[noreturn]] void fail(const std::string& what, const std::string& advice) const;

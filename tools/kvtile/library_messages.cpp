@@ -10,6 +10,7 @@ namespace {
 
 constexpr int kEverything = 0;
 constexpr int kErrors = 4;
+constexpr std::size_t kMostKept = 8;  // a loop of failures logs without end
 constexpr std::array<const char*, 5> kSeverities = {"trace", "debug", "info", "warning", "error"};
 
 // The text without the name of the function that it begins with: "[Name] text".
@@ -29,12 +30,19 @@ LibraryMessages::~LibraryMessages() { EmberLogger_SetSink(nullptr, nullptr); }
 
 void LibraryMessages::forget() {
   const std::lock_guard lock(mutex_);
-  firstError_.clear();
+  errors_.clear();
+  expected_.clear();
+}
+
+void LibraryMessages::expectThese() {
+  const std::lock_guard lock(mutex_);
+  expected_.insert(expected_.end(), errors_.begin(), errors_.end());
+  errors_.clear();
 }
 
 std::string LibraryMessages::reason() const {
   const std::lock_guard lock(mutex_);
-  std::string text = withoutFunction(firstError_);
+  std::string text = errors_.empty() ? std::string() : withoutFunction(errors_.front());
   // The line has one semicolon, before the advice.
   std::replace(text.begin(), text.end(), ';', ',');
   while (!text.empty() && (text.back() == '.' || text.back() == '!' || text.back() == ' ')) {
@@ -43,10 +51,10 @@ std::string LibraryMessages::reason() const {
   return text.empty() ? text : " (" + text + ")";
 }
 
-void LibraryMessages::keepFirst(const char* message) {
+void LibraryMessages::keep(const char* message) {
   const std::lock_guard lock(mutex_);
-  if (firstError_.empty()) {
-    firstError_ = message;
+  if (errors_.size() < kMostKept && std::find(expected_.begin(), expected_.end(), message) == expected_.end()) {
+    errors_.emplace_back(message);
   }
 }
 
@@ -54,7 +62,7 @@ void LibraryMessages::receive(int severity, const char* tag, const char* message
   const auto index = static_cast<std::size_t>(std::clamp(severity, 0, 4));
   auto& self = *static_cast<LibraryMessages*>(user);
   if (severity >= kErrors) {
-    self.keepFirst(message);
+    self.keep(message);
   }
   self.console_.detail(std::string(tag) + ": " + kSeverities[index] + ": " + message);
 }

@@ -4,6 +4,7 @@
 
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "console.h"
 
@@ -18,20 +19,25 @@ class LibraryMessages {
   LibraryMessages(const LibraryMessages&) = delete;
   LibraryMessages& operator=(const LibraryMessages&) = delete;
 
-  // Forgets the errors so far.
+  // Forgets the errors so far, expected ones too.
   void forget();
 
-  // The first error since the last forget(), " (...)" to be appended to a sentence, or nothing. The first one is the
-  // cause; those behind it tell which functions gave up over it.
+  // Takes the errors since the last forget() for expected: until the next one, they and others of their text are no
+  // reason for anything.
+  void expectThese();
+
+  // The first error since the last forget() that is not expected, " (...)" to be appended to a sentence, or nothing.
+  // The first one is the cause; those behind it tell which functions gave up over it.
   std::string reason() const;
 
  private:
   static void receive(int severity, const char* tag, const char* message, void* user);
-  void keepFirst(const char* message);
+  void keep(const char* message);
 
   Console& console_;
-  mutable std::mutex mutex_;  // messages come on the threads that log
-  std::string firstError_;
+  mutable std::mutex mutex_;         // messages come on the threads that log
+  std::vector<std::string> errors_;  // the first few
+  std::vector<std::string> expected_;
 };
 
 }  // namespace kvtile

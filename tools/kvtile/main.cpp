@@ -13,6 +13,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "resize_options.h"
+#include "sharing.h"
 #include "system.h"
 #include "tone_options.h"
 
@@ -41,10 +42,12 @@ struct Options {
   std::string storage;
   std::string input;
   std::string output;
+  std::string identifier;
   std::vector<std::string> files;
   kvtile::ToneRequest tone;
   kvtile::ResizeOptions resize;
   bool force = false;
+  bool untilStopped = false;
   bool widenTo8Bit = false;
   bool verbose = false;
   bool quiet = false;
@@ -85,7 +88,7 @@ void addMessageOptions(CLI::App& app, Options& options) {
   app.add_flag("-v,--verbose", options.verbose, "Show what the library and the codecs report");
 }
 
-void addTransformOptions(CLI::App& app, Options& options) {
+void addStorageOptions(CLI::App& app, Options& options) {
   app.add_option("--budget", options.budget,
                  "Heap budget, for example 12G (initially 1G); pixels in memory need 8 times their bytes")
       ->type_name("SIZE")
@@ -94,8 +97,16 @@ void addTransformOptions(CLI::App& app, Options& options) {
                  "Where pixels are kept: auto (memory within the budget, else files), memory or file")
       ->type_name("PLACE")
       ->check(CLI::Validator(checkStorage, ""));
-  app.add_flag("-f,--force", options.force, "Replace OUT if it exists");
+}
+
+void addForceAndWidening(CLI::App& app, Options& options, const char* whatForceDoes) {
+  app.add_flag("-f,--force", options.force, whatForceDoes);
   app.add_flag("--to-8bit", options.widenTo8Bit, "Widen samples of 1, 2 and 4 bits to 8 bits");
+}
+
+void addTransformOptions(CLI::App& app, Options& options) {
+  addStorageOptions(app, options);
+  addForceAndWidening(app, options, "Replace OUT if it exists");
   app.add_flag("--stats", options.stats, "Show where the pixels were kept and what memory and time it took");
   addMessageOptions(app, options);
 }
@@ -218,6 +229,65 @@ void addHistogram(CLI::App& app, Options& options) {
       "--channel names it. Bars that stand out alone are cut off at the top, which is marked.");
 }
 
+void addIdentifier(CLI::App& app, Options& options) {
+  app.add_option("ID", options.identifier, "The identifier that the programs agree on, such as scan or scans/page-1")
+      ->type_name("")
+      ->required();
+}
+
+void addShare(CLI::App& app, Options& options) {
+  CLI::App* share = app.add_subcommand("share", "Let other programs have a picture while this one runs");
+  addIdentifier(*share, options);
+  share->add_option("FILE", options.input, "The PNG or TIFF file to read")->type_name("")->required();
+  share->add_flag("--until-stopped", options.untilStopped,
+                  "Share until the program is ended (Ctrl-C, kill) instead of until Enter");
+  addForceAndWidening(*share, options, "Replace the pixels of an image of the same size and samples that others hold");
+  addStorageOptions(*share, options);
+  addMessageOptions(*share, options);
+  share->footer(
+      "Examples:\n"
+      "  kvtile share scan scan.tif\n"
+      "  kvtile share --until-stopped scans/page-1 page1.png &\n\n"
+      "A line on standard output tells when the picture is complete. It is shared until Enter is pressed or standard\n"
+      "input ends. Give --until-stopped in scripts and in the background, where the input may have ended already.\n"
+      "Other programs of the same user attach by the identifier, see and change the same pixels, and may hold them\n"
+      "longer than this one: the image goes with the last of them.\n\n"
+      "A shared image has size, samples and pixels only. Pictures come upright, palettes as colours, grey with black\n"
+      "as zero, and alpha straight. The resolution (dpi), colour profiles and the meaning of other samples, such as\n"
+      "inks, are not shared; a note tells of each. The pixels are kept in files: --storage and --budget are for the\n"
+      "picture as it is read, where it is changed on its way.");
+}
+
+void addAttach(CLI::App& app, Options& options) {
+  CLI::App* attach = app.add_subcommand("attach", "Make a file of a picture that is shared");
+  addIdentifier(*attach, options);
+  attach->add_option("OUT", options.output, "The file to make: .png, .tif or .tiff")->type_name("")->required();
+  addForceAndWidening(*attach, options, "Replace OUT if it exists");
+  addMessageOptions(*attach, options);
+  attach->footer(
+      "Examples:\n"
+      "  kvtile attach scan copy.png\n"
+      "  kvtile attach --force scans/page-1 page1.tif\n\n"
+      "The pixels are taken as they are now, even if another program is still writing them. One or two samples are\n"
+      "taken for grey and alpha, three or four for RGB and alpha, more for RGB and samples without meaning, which "
+      "only\n"
+      "TIFF can hold. The file gets no resolution (dpi) and no colour profile.\n\n"
+      "A shared image goes with its last holder. If all others let go while this command works it is the last one, "
+      "and\n"
+      "a note says so. What a program that was killed has left is as a rule removed instead of attached to.");
+}
+
+void addShared(CLI::App& app, Options& options) {
+  CLI::App* shared = app.add_subcommand("shared", "List the pictures that are shared");
+  addMessageOptions(*shared, options);
+  shared->footer(
+      "Example:\n"
+      "  kvtile shared\n\n"
+      "Lists what the programs of this user share, and whether any of them holds it. What is not held was left by\n"
+      "programs that were killed; it is removed as soon as another program starts to use the library. Listing changes\n"
+      "nothing.");
+}
+
 // CLI11's sentence or a better one, and where to read on.
 std::string usageText(const CLI::App& app, const CLI::ParseError& error) {
   std::string text = withMinus(error.what());
@@ -225,7 +295,8 @@ std::string usageText(const CLI::App& app, const CLI::ParseError& error) {
   const bool noCommand = app.get_subcommands().empty();
   if (noCommand && !leftOver.empty() && leftOver.front()[0] != '-') {
     text = "'" + withMinus(leftOver.front()) +
-           "' is no command: there are info, convert, rotate, mirror, resize, tone and histogram";
+           "' is no command: there are info, convert, rotate, mirror, resize, tone, histogram, share, attach " +
+           "and shared";
   } else if (noCommand && !leftOver.empty()) {
     text = "there is no option " + leftOver.front();
   }
@@ -255,10 +326,20 @@ Request makeRequest(const Options& options) {
   return request;
 }
 
+// What a message is about that the command has no words of its own for.
+std::string subjectOf(const Options& options) {
+  for (const std::string& subject : {options.output, options.identifier}) {
+    if (!subject.empty()) {
+      return withMinus(subject);
+    }
+  }
+  return options.files.empty() ? "shared" : "info";
+}
+
 // Runs `work`, which returns an exit status, and turns what ends it early into one line and a status.
 template <typename Work>
 int runReporting(const Options& options, kvtile::Console& console, const Work& work) {
-  const std::string subject = withMinus(options.output.empty() ? "info" : options.output);
+  const std::string subject = subjectOf(options);
   try {
     return work();
   } catch (const kvtile::WrongUsage& usage) {
@@ -299,6 +380,9 @@ void describeCommandLine(CLI::App& app, Options& options) {
   addResize(app, options);
   addTone(app, options);
   addHistogram(app, options);
+  addShare(app, options);
+  addAttach(app, options);
+  addShared(app, options);
   for (CLI::App* command : app.get_subcommands({})) {
     command->group("Commands");
   }
@@ -309,7 +393,8 @@ void describeCommandLine(CLI::App& app, Options& options) {
       "  kvtile mirror horizontal photo.png mirrored.png\n"
       "  kvtile resize --width 800 scan.tif preview.png\n"
       "  kvtile tone --gamma 1.8 dark.tif light.tif\n"
-      "  kvtile histogram photo.png tones.png\n\n"
+      "  kvtile histogram photo.png tones.png\n"
+      "  kvtile share scan scan.tif\n\n"
       "'kvtile COMMAND --help' tells more about a command.");
 }
 
@@ -318,6 +403,27 @@ int runInfo(Options& options, kvtile::Console& console) {
     file = withMinus(file);
   }
   return kvtile::showInfo(options.files, console) ? kDone : kNotDone;
+}
+
+kvtile::ShareRequest makeShareRequest(const Options& options) {
+  kvtile::ShareRequest request;
+  request.identifier = withMinus(options.identifier);
+  request.input = withMinus(options.input);
+  request.budget = parseSize(options.budget).value_or(0);
+  request.placement = parsePlacement(options.storage).value_or(Placement::Automatic);
+  request.force = options.force;
+  request.widenTo8Bit = options.widenTo8Bit;
+  request.untilStopped = options.untilStopped;
+  return request;
+}
+
+kvtile::AttachRequest makeAttachRequest(const Options& options) {
+  kvtile::AttachRequest request;
+  request.identifier = withMinus(options.identifier);
+  request.output = withMinus(options.output);
+  request.force = options.force;
+  request.widenTo8Bit = options.widenTo8Bit;
+  return request;
 }
 
 // The turn that the command stands for, if any.
@@ -339,11 +445,29 @@ TransformRequest makeTransform(const std::string& command, const Options& option
   return request;
 }
 
+int run(const std::string& command, Options& options, kvtile::Console& console) {
+  if (command == "info") {
+    return runInfo(options, console);
+  }
+  if (command == "histogram") {
+    kvtile::drawHistogram(makeRequest(options), console);
+  } else if (command == "share") {
+    kvtile::sharePicture(makeShareRequest(options), console);
+  } else if (command == "attach") {
+    kvtile::attachPicture(makeAttachRequest(options), console);
+  } else if (command == "shared") {
+    kvtile::listShared(console);
+  } else {
+    kvtile::transform(makeTransform(command, options), console);
+  }
+  return kDone;
+}
+
 }  // namespace
 
 int main(int count, char** values) {
   Options options;
-  CLI::App app("Turns, mirrors, resizes, tones and converts large PNG and TIFF pictures.", "kvtile");
+  CLI::App app("Turns, mirrors, resizes, tones, converts and shares large PNG and TIFF pictures.", "kvtile");
   describeCommandLine(app, options);
   if (count <= 1) {
     std::fputs(app.help().c_str(), stderr);
@@ -361,15 +485,5 @@ int main(int count, char** values) {
   const std::string command = app.get_subcommands().front()->get_name();
   kvtile::Console console(options.verbose, options.quiet);
   kvtile::system::catchStopRequests();
-  return runReporting(options, console, [&options, &console, &command] {
-    if (command == "info") {
-      return runInfo(options, console);
-    }
-    if (command == "histogram") {
-      kvtile::drawHistogram(makeRequest(options), console);
-    } else {
-      kvtile::transform(makeTransform(command, options), console);
-    }
-    return kDone;
-  });
+  return runReporting(options, console, [&options, &console, &command] { return run(command, options, console); });
 }

@@ -86,6 +86,17 @@ Palette Palette::spread() const {
   return result;
 }
 
+Picture Picture::assumed(std::uint32_t width, std::uint32_t height, const PixelFormat& pixels) {
+  Picture picture;
+  picture.width = width;
+  picture.height = height;
+  picture.pixels = pixels;
+  picture.photometric = pixels.samples > 2 ? Photometric::Rgb : Photometric::BlackIsZero;
+  const std::uint32_t others = pixels.samples - picture.colourSamples();
+  picture.extras.assign(others, others == 1 ? Extra::StraightAlpha : Extra::Unspecified);
+  return picture;
+}
+
 std::uint64_t Picture::rowBytes() const { return (width * pixels.bitsPerPixel() + 7) / 8; }
 
 std::uint32_t Picture::colourSamples() const {

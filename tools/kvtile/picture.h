@@ -114,6 +114,10 @@ struct Picture {
   PngColour pngColour;
   std::optional<TiffDetails> tiff;  // where the picture came from a TIFF
 
+  // What a picture is taken for of which only size and samples are known: grey, with more than two samples RGB; a
+  // single sample beyond is straight alpha, several have no meaning.
+  static Picture assumed(std::uint32_t width, std::uint32_t height, const PixelFormat& pixels);
+
   // The bytes of one row, the last byte filled up.
   std::uint64_t rowBytes() const;
 

@@ -3,6 +3,7 @@
 #ifndef KVTILE_SYSTEM_H
 #define KVTILE_SYSTEM_H
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -20,6 +21,16 @@ void catchStopRequests();
 
 // True once such a request has arrived.
 bool stopRequested() noexcept;
+
+enum class Input { Line, End, StopRequest };
+
+// Waits until a line of standard input or its end has come, or a request to stop. With `readsInput` false for the
+// request only. What is typed while the terminal belongs to another program is left to that one.
+Input waitForInput(bool readsInput);
+
+bool stdinIsTerminal();
+
+void pause(std::chrono::milliseconds time);
 
 unsigned long processId();
 
@@ -41,6 +52,33 @@ bool sameFile(const std::string& a, const std::string& b);
 // The folder part of `path` ("." for a bare name) and the rest.
 std::string folderOf(const std::string& path);
 std::string nameOf(const std::string& path);
+
+// Where programs keep data of the user's. Ends with a slash.
+std::string userDataFolder();
+
+// What others' locks on a whole file are. NoFile where there is none, Unknown where it cannot be looked at.
+enum class LockUse { None, Shared, Exclusive, NoFile, Unknown };
+
+// Found out by locking the file for a moment, which shuts out who tries to lock it just then.
+LockUse lockUseOf(const std::string& path);
+
+// An exclusive lock on a whole file, for as long as the object lives.
+class FileLock {
+ public:
+  enum class Outcome { Taken, InUse, NoFile, Failed };
+
+  FileLock() = default;
+  ~FileLock();
+  FileLock(const FileLock&) = delete;
+  FileLock& operator=(const FileLock&) = delete;
+
+  // Takes it unless another process has a lock on the file, which is not made. `error` receives the errno value of
+  // Failed.
+  Outcome tryTake(const std::string& path, int& error);
+
+ private:
+  int descriptor_ = -1;
+};
 
 // Binary streams, null with errno set on failure. createExclusively fails with EEXIST where the name is taken.
 std::FILE* openForReading(const std::string& path);

@@ -1,4 +1,7 @@
 #include <fcntl.h>
+#include <poll.h>
+#include <pwd.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -8,8 +11,11 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <thread>
+#include <vector>
 
 #include "system.h"
 
@@ -50,6 +56,63 @@ std::uint64_t peakInProcessFile() {
   return 0;
 }
 
+// True where standard input is a terminal that another job has the use of: reading it would stop the program.
+bool inputBelongsToOthers() {
+  const pid_t foreground = tcgetpgrp(STDIN_FILENO);
+  return foreground >= 0 && foreground != getpgrp();
+}
+
+// Waits for something to read, for `time` at most; true also at the end of the input and where there is none.
+bool inputIsReady(std::chrono::milliseconds time) {
+  struct pollfd input = {};
+  input.fd = STDIN_FILENO;
+  input.events = POLLIN;
+  return poll(&input, 1, static_cast<int>(time.count())) > 0;
+}
+
+// The path in the variable; empty unless it is absolute, as another one would depend on where the program is started.
+std::string absolutePathFrom(const char* variable) {
+  const char* value = secure_getenv(variable);
+  return value != nullptr && *value == '/' ? value : "";
+}
+
+std::string homeOfAccount() {
+  struct passwd account = {};
+  struct passwd* found = nullptr;
+  std::vector<char> texts(16384);
+  const bool known = getpwuid_r(getuid(), &account, texts.data(), texts.size(), &found) == 0 && found != nullptr;
+  return known && found->pw_dir != nullptr && *found->pw_dir == '/' ? found->pw_dir : "";
+}
+
+std::string withSlash(const std::string& folder) { return folder.ends_with('/') ? folder : folder + '/'; }
+
+// For locking; nothing is made. Writable, as network file systems want it for an exclusive lock. -1 with errno set.
+int openLockFile(const std::string& path) {
+  // Opening a pipe would wait for its other end.
+  return open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+}
+
+// 0 or an errno value.
+int tryLock(int descriptor, int operation) {
+  while (flock(descriptor, operation | LOCK_NB) != 0) {
+    if (errno != EINTR) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+LockUse lockUseOf(int descriptor) {
+  const int error = tryLock(descriptor, LOCK_EX);
+  if (error == 0) {
+    return LockUse::None;
+  }
+  if (error != EWOULDBLOCK) {
+    return LockUse::Unknown;
+  }
+  return tryLock(descriptor, LOCK_SH) == 0 ? LockUse::Shared : LockUse::Exclusive;
+}
+
 }  // namespace
 
 bool stderrIsTerminal() { return isatty(STDERR_FILENO) != 0; }
@@ -71,6 +134,32 @@ void catchStopRequests() {
 }
 
 bool stopRequested() noexcept { return stopFlag != 0; }
+
+Input waitForInput(bool readsInput) {
+  // A request to stop that comes just before the waiting begins does not end it.
+  constexpr std::chrono::milliseconds kLook(100);
+  while (!stopRequested()) {
+    if (!readsInput || inputBelongsToOthers()) {
+      pause(kLook);
+      continue;
+    }
+    char byte = 0;
+    // By single bytes: what follows the line is for whoever reads next.
+    const bool ready = inputIsReady(kLook);
+    const ssize_t got = ready ? read(STDIN_FILENO, &byte, 1) : 0;
+    if (ready && (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN))) {
+      return Input::End;
+    }
+    if (got > 0 && byte == '\n') {
+      return Input::Line;
+    }
+  }
+  return Input::StopRequest;
+}
+
+bool stdinIsTerminal() { return isatty(STDIN_FILENO) != 0; }
+
+void pause(std::chrono::milliseconds time) { std::this_thread::sleep_for(time); }
 
 unsigned long processId() { return static_cast<unsigned long>(getpid()); }
 
@@ -116,6 +205,49 @@ std::string folderOf(const std::string& path) {
 }
 
 std::string nameOf(const std::string& path) { return std::filesystem::path(path).filename().string(); }
+
+std::string userDataFolder() {
+  if (const std::string data = absolutePathFrom("XDG_DATA_HOME"); !data.empty()) {
+    return withSlash(data);
+  }
+  std::string home = absolutePathFrom("HOME");
+  if (home.empty()) {
+    home = homeOfAccount();
+  }
+  return home.empty() ? "/var/tmp/" : withSlash(home) + ".local/share/";
+}
+
+LockUse lockUseOf(const std::string& path) {
+  const int descriptor = openLockFile(path);
+  if (descriptor < 0) {
+    return errno == ENOENT || errno == ENOTDIR ? LockUse::NoFile : LockUse::Unknown;
+  }
+  const LockUse use = lockUseOf(descriptor);
+  close(descriptor);
+  return use;
+}
+
+FileLock::~FileLock() {
+  if (descriptor_ >= 0) {
+    close(descriptor_);
+  }
+}
+
+FileLock::Outcome FileLock::tryTake(const std::string& path, int& error) {
+  error = 0;
+  if (descriptor_ < 0) {
+    descriptor_ = openLockFile(path);
+  }
+  if (descriptor_ < 0) {
+    error = errno;
+    return error == ENOENT || error == ENOTDIR ? Outcome::NoFile : Outcome::Failed;
+  }
+  error = tryLock(descriptor_, LOCK_EX);
+  if (error == 0) {
+    return Outcome::Taken;
+  }
+  return error == EWOULDBLOCK ? Outcome::InUse : Outcome::Failed;
+}
 
 std::FILE* openForReading(const std::string& path) { return std::fopen(path.c_str(), "rb"); }
 

@@ -66,4 +66,20 @@ std::string asUtf8(std::string_view text) {
   return result;
 }
 
+std::size_t characters(std::string_view text) {
+  return text.size() - static_cast<std::size_t>(std::count_if(text.begin(), text.end(), isContinuation));
+}
+
+std::string shellWord(const std::string& text) {
+  constexpr const char* kPlain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:,+@%=";
+  if (!text.empty() && text.find_first_not_of(kPlain) == std::string::npos) {
+    return text;
+  }
+  std::string word = "'";
+  for (const char c : text) {
+    word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  }
+  return word + "'";
+}
+
 }  // namespace kvtile

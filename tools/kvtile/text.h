@@ -17,6 +17,12 @@ bool isText(std::string_view bytes);
 // The text as UTF-8: with a '?' in the place of each control character and of each byte that is part of no character.
 std::string asUtf8(std::string_view text);
 
+// The characters of UTF-8 text.
+std::size_t characters(std::string_view text);
+
+// The text as a word of a shell's command line, in quotes if it needs them.
+std::string shellWord(const std::string& text);
+
 }  // namespace kvtile
 
 #endif

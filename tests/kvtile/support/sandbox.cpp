@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
@@ -29,11 +30,11 @@ std::string contents(std::FILE* file) {
 }
 
 // Between fork and exec: a test runner in the background hands ignored signals on.
-[[noreturn]] void become(const std::vector<std::string>& command, const std::string& folder, int out, int err) {
+[[noreturn]] void become(const std::vector<std::string>& command, const std::string& folder, int in, int out, int err) {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
     std::signal(signal, SIG_DFL);
   }
-  dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+  dup2(in >= 0 ? in : open("/dev/null", O_RDONLY), STDIN_FILENO);
   dup2(out, STDOUT_FILENO);
   dup2(err, STDERR_FILENO);
   std::vector<char*> arguments;
@@ -52,7 +53,7 @@ std::string contents(std::FILE* file) {
 
 std::string dataFolderFor(const std::string& folder) { return folder + ".data"; }
 
-Process::Process(const std::vector<std::string>& command, const std::string& folder, int terminal)
+Process::Process(const std::vector<std::string>& command, const std::string& folder, int terminal, int input)
     : out_(std::tmpfile()), err_(std::tmpfile()) {
   if (out_ == nullptr || err_ == nullptr) {
     throw std::runtime_error("no temporary file");
@@ -60,7 +61,7 @@ Process::Process(const std::vector<std::string>& command, const std::string& fol
   const int err = terminal >= 0 ? terminal : fileno(err_.get());
   pid_ = fork();
   if (pid_ == 0) {
-    become(command, folder, fileno(out_.get()), err);
+    become(command, folder, input, fileno(out_.get()), err);
   }
   if (pid_ < 0) {
     throw std::runtime_error("cannot fork");
@@ -79,6 +80,21 @@ void Process::send(int signal) const { kill(pid_, signal); }
 bool Process::running() const {
   siginfo_t info = {};
   return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
+}
+
+std::string Process::firstLine() const {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::chrono::steady_clock::now() < end) {
+    // Read where it is: the position in the file is the program's, too.
+    char text[4096];
+    const ssize_t got = pread(fileno(out_.get()), text, sizeof text, 0);
+    const std::string line(text, got > 0 ? static_cast<std::size_t>(got) : 0);
+    if (const std::size_t length = line.find('\n'); length != std::string::npos) {
+      return line.substr(0, length);
+    }
+    usleep(1000);
+  }
+  return "";
 }
 
 Result Process::wait() {
@@ -143,8 +159,17 @@ void Sandbox::keepImagesIn(const std::string& folder) const {
   file << R"({"desc": {"rootDirList": [")" << folder << R"("]}})";
 }
 
+// It finds its libraries in the folder "lib" beside its own.
+void Sandbox::copyProgram() {
+  const std::filesystem::path original = KVTILE_PROGRAM;
+  std::filesystem::create_directory(path("bin"));
+  program_ = path("bin/kvtile");
+  std::filesystem::copy_file(original, program_);
+  std::filesystem::create_directory_symlink(original.parent_path().parent_path() / "lib", path("lib"));
+}
+
 Result Sandbox::kvtile(std::vector<std::string> arguments) const {
-  arguments.insert(arguments.begin(), KVTILE_PROGRAM);
+  arguments.insert(arguments.begin(), program_);
   return run(arguments);
 }
 

@@ -26,13 +26,19 @@ std::string dataFolderFor(const std::string& folder);
 class Process {
  public:
   // `terminal`: a pseudo terminal's descriptor that becomes its stderr; -1: stderr is collected in a file.
-  Process(const std::vector<std::string>& command, const std::string& folder, int terminal = -1);
+  // `input`: a descriptor that becomes its stdin; -1: stdin is at its end.
+  Process(const std::vector<std::string>& command, const std::string& folder, int terminal = -1, int input = -1);
   ~Process();
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
   void send(int signal) const;
   bool running() const;
+  pid_t id() const { return pid_; }
+
+  // Waits until there is a whole line on its stdout, for at most 20 seconds. The line; empty if there is none.
+  std::string firstLine() const;
+
   Result wait();
 
  private:
@@ -64,6 +70,13 @@ class Sandbox {
   // Has the library keep the images of programs started here in `folder`, a path.
   void keepImagesIn(const std::string& folder) const;
 
+  // The kvtile that is started here.
+  const std::string& program() const { return program_; }
+
+  // Makes that a copy in the sandbox. Programs at one path clean up after each other, whoever runs them: tests that
+  // look at what dead processes leave must not have others at work beside them.
+  void copyProgram();
+
   // Starts kvtile or another program in the folder and waits for it.
   Result kvtile(std::vector<std::string> arguments) const;
   Result run(const std::vector<std::string>& command) const;
@@ -73,6 +86,7 @@ class Sandbox {
 
  private:
   std::string folder_;
+  std::string program_ = KVTILE_PROGRAM;
 };
 
 }  // namespace support

@@ -24,6 +24,12 @@ Terminal::~Terminal() {
   close(master_);
 }
 
+void Terminal::type(const std::string& keys) const {
+  if (write(master_, keys.data(), keys.size()) != static_cast<ssize_t>(keys.size())) {
+    throw std::runtime_error("the pseudo terminal takes no keys");
+  }
+}
+
 bool Terminal::waitFor(const std::string& word) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (std::chrono::steady_clock::now() < end) {

@@ -21,6 +21,9 @@ class Terminal {
   // The descriptor for the program.
   int slave() const { return slave_; }
 
+  // As if a person typed it.
+  void type(const std::string& keys) const;
+
   // Waits until `word` has appeared, for at most 20 seconds.
   bool waitFor(const std::string& word);
 
