@@ -147,7 +147,7 @@ KVTILEIMAGE_API void KvTileImage_Unload(TileImageHandle* image) KVTILEIMAGE_NOEX
  *
  * The image is always kept in files. They are deleted when its last handle is released, in whichever process: the one
  * that made it may go first. A process that is killed, or ends without releasing, holds the image no longer; if it was
- * the last one, the image can still be attached to until a program that uses the library removes it at its start.
+ * the last one, what is left goes when the next process comes to its first image, be it by attaching.
  * docs/files-on-disk.md tells what is kept where.
  *
  * These functions, and the release of a shared image, work on one image at a time for all processes of the user. They
@@ -155,8 +155,10 @@ KVTILEIMAGE_API void KvTileImage_Unload(TileImageHandle* image) KVTILEIMAGE_NOEX
 
 /* Makes a shared image of width * height pixels, all samples zero, at 72 dpi. If there is one of that identifier with
  * the same five values from width to sampleformat, attaches to it instead, with the pixels that it has. If there is one
- * with other values, makes a new one, which those who attach later get; who holds the old one keeps it. (That, or files
- * that are missing, is logged as a warning; that there was none before, as errors of the reading functions.)
+ * with other values, makes a new one, which those who attach later get; who holds the old one keeps it, and the files of
+ * one of the two may stay until the process that made them has ended and its program starts again: use another
+ * identifier for another image. (That, or files that are missing, is logged as a warning; that there was none before,
+ * as errors of the reading functions.)
  *   sampleformat        as for KvTileImage_AllocEx
  *   scanlineOperation   shapes the tiles, as for KvTileImage_AllocEx; those who attach get _ROWCOL
  * Returns the image, or null if the identifier is null, empty or refused, if one of the four sizes is 0 or their
