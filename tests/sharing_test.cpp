@@ -638,6 +638,7 @@ struct Described {
   const char* name;
   const char* members;  // of the image
   const char* files;    // behind the folders
+  const char* reason;   // what the first message tells
 };
 
 class HostileTest : public SharingTest, public testing::WithParamInterface<Described> {};
@@ -653,69 +654,75 @@ TEST_P(HostileTest, IsRefusedBeforeAnythingIsMadeOfIt) {
                                           contents.substr(folders, blocks - folders) + GetParam().files + "}}}}");
   LogCapture log;
   EXPECT_EQ(attach("b"), nullptr);
-  EXPECT_EQ(log.take().back().text, "[TileImage::createInterprocessB] create failed");
+  const auto lines = log.take();
+  ASSERT_GE(lines.size(), 2U);
+  EXPECT_THAT(lines.front().text, HasSubstr(GetParam().reason));
+  EXPECT_EQ(lines.back().text, "[TileImage::createInterprocessB] create failed");
   EXPECT_FALSE(KvTileImage_Interprocess_IsValid(id("b").c_str()));
   EXPECT_TRUE(fs::exists(backingFiles().at(0).path));
   fs::remove(descriptor("b"));
 }
 
+constexpr const char* kNoSizes = "[TileImage::check] invalid args.";
+constexpr const char* kNoGrid = "are no grid of its image";
 constexpr const char* kOneFile = "\"blocksPerFile\":1,\"fileBriefInfoList\":[[0,65536,0]]";
 
 INSTANTIATE_TEST_SUITE_P(
     , HostileTest,
     testing::Values(
         Described{"NoSize", "\"tileBaseWidth\":256,\"tileBaseHeight\":4096,\"tileRowCount\":1,\"tileColCount\":1",
-                  kOneFile},
-        Described{"NoTiles", "\"width\":8,\"height\":50,\"samplesPerPixel\":1,\"bitsPerSample\":8", kOneFile},
+                  kOneFile, kNoSizes},
+        Described{"NoTiles", "\"width\":8,\"height\":50,\"samplesPerPixel\":1,\"bitsPerSample\":8", kOneFile, kNoGrid},
         Described{"TilesOfNoWidth",
                   "\"width\":8,\"height\":50,\"samplesPerPixel\":1,\"bitsPerSample\":8,\"tileBaseWidth\":0,"
                   "\"tileBaseHeight\":4096,\"tileRowCount\":1,\"tileColCount\":1",
-                  kOneFile},
+                  kOneFile, kNoGrid},
         Described{"TilesOfPartsOfBytes",
                   "\"width\":8,\"height\":50,\"samplesPerPixel\":1,\"bitsPerSample\":1,\"tileBaseWidth\":3,"
                   "\"tileBaseHeight\":4096,\"tileRowCount\":1,\"tileColCount\":3",
-                  kOneFile},
+                  kOneFile, kNoGrid},
         Described{"TooManyRowsOfTiles",
                   "\"width\":8,\"height\":50,\"samplesPerPixel\":1,\"bitsPerSample\":8,\"tileBaseWidth\":256,"
                   "\"tileBaseHeight\":4096,\"tileRowCount\":2,\"tileColCount\":1",
-                  kOneFile},
+                  kOneFile, kNoGrid},
         Described{"TooFewColumnsOfTiles",
                   "\"width\":800,\"height\":50,\"samplesPerPixel\":1,\"bitsPerSample\":8,\"tileBaseWidth\":256,"
                   "\"tileBaseHeight\":4096,\"tileRowCount\":1,\"tileColCount\":3",
-                  kOneFile},
+                  kOneFile, kNoGrid},
         Described{"HugeTiles",
                   "\"width\":8,\"height\":50,\"samplesPerPixel\":1,\"bitsPerSample\":8,\"tileBaseWidth\":"
                   "6148914691236517208,\"tileBaseHeight\":9223372036854775808,\"tileRowCount\":1,\"tileColCount\":1",
-                  kOneFile},
+                  kOneFile, kNoGrid},
         Described{"CountsLike2To63",
                   "\"width\":8,\"height\":50,\"samplesPerPixel\":1,\"bitsPerSample\":8,\"tileBaseWidth\":256,"
                   "\"tileBaseHeight\":4096,\"tileRowCount\":9223372036854775808,\"tileColCount\":9223372036854775808",
-                  kOneFile},
+                  kOneFile, kNoGrid},
         Described{"MoreTilesThanMemory",
                   "\"width\":4294967295,\"height\":4294967295,\"samplesPerPixel\":1,\"bitsPerSample\":8,"
                   "\"tileBaseWidth\":8,\"tileBaseHeight\":1,\"tileRowCount\":4294967295,\"tileColCount\":536870912",
-                  "\"blocksPerFile\":18446744073709551615,\"fileBriefInfoList\":[[0,18446744073709551615,0]]"},
+                  "\"blocksPerFile\":18446744073709551615,\"fileBriefInfoList\":[[0,18446744073709551615,0]]", kNoGrid},
         Described{"SizesBeyond64Bits",
                   "\"width\":4294967295,\"height\":4294967295,\"samplesPerPixel\":4294967295,\"bitsPerSample\":"
                   "4294967295,\"tileBaseWidth\":4294967288,\"tileBaseHeight\":4294967295,\"tileRowCount\":1,"
                   "\"tileColCount\":2",
-                  kOneFile},
+                  kOneFile, kNoGrid},
         Described{"NegativeNumbers",
                   "\"width\":-8,\"height\":-50,\"samplesPerPixel\":-1,\"bitsPerSample\":-8,\"tileBaseWidth\":-256,"
                   "\"tileBaseHeight\":-4096,\"tileRowCount\":-1,\"tileColCount\":-1",
-                  "\"blocksPerFile\":-1,\"fileBriefInfoList\":[[-1,-1,-1]]"},
+                  "\"blocksPerFile\":-1,\"fileBriefInfoList\":[[-1,-1,-1]]", kNoSizes},
         Described{"NoTilesInAFile",
                   "\"width\":8,\"height\":50,\"samplesPerPixel\":1,\"bitsPerSample\":8,\"tileBaseWidth\":256,"
                   "\"tileBaseHeight\":4096,\"tileRowCount\":1,\"tileColCount\":1",
-                  "\"blocksPerFile\":0,\"fileBriefInfoList\":[[0,65536,0]]"},
+                  "\"blocksPerFile\":0,\"fileBriefInfoList\":[[0,65536,0]]", "says that a file holds 0 tiles"},
         Described{"NoFiles",
                   "\"width\":8,\"height\":50,\"samplesPerPixel\":1,\"bitsPerSample\":8,\"tileBaseWidth\":256,"
                   "\"tileBaseHeight\":4096,\"tileRowCount\":1,\"tileColCount\":1",
-                  "\"blocksPerFile\":1,\"fileBriefInfoList\":[]"},
+                  "\"blocksPerFile\":1,\"fileBriefInfoList\":[]", "fileIndex is out range,check your code!"},
         Described{"FoldersOutOfRange",
                   "\"width\":8,\"height\":50,\"samplesPerPixel\":1,\"bitsPerSample\":8,\"tileBaseWidth\":256,"
                   "\"tileBaseHeight\":4096,\"tileRowCount\":1,\"tileColCount\":1",
-                  "\"blocksPerFile\":1,\"fileBriefInfoList\":[[18446744073709551615,65536,0]]"}),
+                  "\"blocksPerFile\":1,\"fileBriefInfoList\":[[18446744073709551615,65536,0]]",
+                  "dirIndex_ is out range,check your code!"}),
     [](const auto& described) { return described.param.name; });
 
 // ---- Turns
