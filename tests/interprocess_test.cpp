@@ -21,6 +21,7 @@
 #include "interprocess/interprocess_release_resource_ownership.h"
 #include "interprocess/interprocess_tile_image_info.h"
 #include "interprocess/shared_image_files.h"
+#include "interprocess/sharing_lock.h"
 #include "interprocess/tile_image_interprocess_json_helper.h"
 #include "interprocess/tile_image_interprocess_rubbish_cleaner.h"
 #include "platform/lock_files.h"
@@ -642,6 +643,22 @@ TEST_F(OwnershipTest, IsNotKeptUpByAForkedProcess) {
   Holder next = hold(path_);
   EXPECT_TRUE(next);
   EXPECT_TRUE(next.letGo());
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+}
+
+TEST(SharingLockTest, IsNotKeptUpByAForkedProcess) {
+  auto lock = std::make_unique<interprocess::SharingLock>();
+  ASSERT_TRUE(lock->held());
+  const pid_t child = fork();
+  if (child == 0) {
+    pause();
+    _exit(0);
+  }
+  lock.reset();
+  const std::wstring path = SharedImageFiles::ofUser().sharingLockFile();
+  FileLock next(platform::narrowPath(path), FileLock::IfMissing::fail);
+  EXPECT_TRUE(next.waitExclusive(10s));  // processes of other tests may have it for a moment
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
 }

@@ -337,6 +337,21 @@ TEST(LinuxFilesTest, LockWhatHasTheNameWhileOthersRemoveIt) {
   EXPECT_EQ(violations, 0);
 }
 
+// Whoever is killed in between leaves the file, by which the next one finds the companions.
+TEST(LinuxFilesTest, GoAfterTheirCompanionsWhileNobodyElseGetsHoldOfThem) {
+  const ScratchFolder scratch;
+  const std::wstring name = scratch.wide() + L"file";
+  writeFile(scratch.path() / "file", "");
+  int asked = 0;
+  EXPECT_TRUE(platform::removeUnlessInUse(name, [&] {
+    ++asked;
+    EXPECT_TRUE(std::filesystem::exists(scratch.path() / "file"));
+    EXPECT_EQ(platform::openLockFile(name), nullptr);
+  }));
+  EXPECT_EQ(asked, 1);
+  EXPECT_FALSE(std::filesystem::exists(scratch.path() / "file"));
+}
+
 TEST(LinuxFilesTest, AreHeldUntilTheStreamIsClosedAndNoLonger) {
   const ScratchFolder scratch;
   const std::wstring name = scratch.wide() + L"lock";

@@ -743,6 +743,31 @@ TEST_F(SharingTest, WaitsForItsTurn) {
   EXPECT_TRUE(made);
 }
 
+// Also by the engine that kept it.
+TEST_F(SharingTest, WaitsForItsTurnToBeLetGoOf) {
+  Image image = create("a", 16, 16);
+  Image source = create("b", 16, 16);
+  RescaleEngineHandle* const engine =
+      KvTileImage_BeginRescaleRowScanline_ThreadSafe(source.get(), 0, 0, 16, 16, 8, 8, KVTI_FILTER_BOX);
+  ASSERT_NE(engine, nullptr);
+  source.reset();
+  const LogCapture threadsOfOthers;
+  auto lock = std::make_unique<interprocess::SharingLock>();
+  ASSERT_TRUE(lock->held());
+  std::thread release([&] { image.reset(); });
+  std::thread end([&] { KvTileImage_EndRescaleRowScanline_ThreadSafe(engine); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  for (const char* const name : {"a", "b"}) {
+    EXPECT_TRUE(fs::exists(lockFile(name))) << name;
+    EXPECT_TRUE(fs::exists(descriptor(name))) << name;
+  }
+  EXPECT_EQ(backingFiles().size(), 2U);
+  lock.reset();
+  release.join();
+  end.join();
+  EXPECT_EQ(filesLeft(), 0);
+}
+
 TEST_F(SharingTest, IsMadeAndLetGoByManyThreads) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 25;

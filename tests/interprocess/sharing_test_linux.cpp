@@ -104,6 +104,21 @@ TEST_F(SharingOnLinuxTest, IsNotAttachedToWhileItIsCleanedUp) {
   EXPECT_EQ(other.ask("unload a"), "unloaded");
 }
 
+// A clean-up comes before the first image of a process, and be it one that it attaches to.
+TEST_F(SharingOnLinuxTest, IsRemovedByAProcessWhoseFirstImageItWouldBe) {
+  {
+    Worker maker(program_);
+    ASSERT_EQ(maker.ask(share()), "made");
+    maker.kill();
+  }
+  Worker other(program_);
+  EXPECT_EQ(other.ask("info " + images_.id("a")), "8 x 5000");
+  EXPECT_EQ(other.ask(attach()), "null");
+  EXPECT_EQ(other.logged("the image has been cleaned up meanwhile"), 1);
+  EXPECT_THAT(images_.files(), IsEmpty());
+  EXPECT_THAT(program_.backingFiles(), IsEmpty());
+}
+
 TEST_F(SharingOnLinuxTest, WaitsForAProcessThatIsBusyWithOne) {
   Worker worker(program_);
   ASSERT_EQ(worker.ask(std::string("make b") + kInMemory), "made");
