@@ -142,23 +142,27 @@ KVTILEIMAGE_API void KvTileImage_Unload(TileImageHandle* image) KVTILEIMAGE_NOEX
  * (dpi) is each handle's own, and keeping readers and writers of the same pixels apart is up to the programs.
  *
  * It goes by an identifier, a UTF-8 text that the programs agree on. The identifier becomes a part of file names: use
- * what a file name can hold. Slashes make folders ("scans/page-1"); an identifier that begins with a slash, a backslash
- * or a drive letter, or has a component "..", counts as empty and is refused.
+ * what a file name can hold, at most 200 bytes between slashes, and not two that differ in upper and lower case only.
+ * Slashes make folders ("scans/page-1"); an identifier that begins with a slash, a backslash or a drive letter, or has
+ * a component "..", counts as empty and is refused.
  *
  * The image is always kept in files. They are deleted when its last handle is released, in whichever process: the one
  * that made it may go first. A process that is killed, or ends without releasing, holds the image no longer; if it was
  * the last one, what is left goes when the next process comes to its first image, be it by attaching.
  * docs/files-on-disk.md tells what is kept where.
  *
+ * After a fork the child may use the handles that it inherits for as long as the parent holds the image; releasing them
+ * there lets go of nothing.
+ *
  * These functions, and the release of a shared image, work on one image at a time for all processes of the user. They
  * fail, with a logged reason, if another process does not get done within 30 seconds; a release goes ahead then. */
 
 /* Makes a shared image of width * height pixels, all samples zero, at 72 dpi. If there is one of that identifier with
  * the same five values from width to sampleformat, attaches to it instead, with the pixels that it has. If there is one
- * with other values, makes a new one, which those who attach later get; who holds the old one keeps it, and the files of
- * one of the two may stay until the process that made them has ended and its program starts again: use another
- * identifier for another image. (That, or files that are missing, is logged as a warning; that there was none before,
- * as errors of the reading functions.)
+ * with other values, makes a new one, which those who attach later get; who holds the old one keeps it, and the files
+ * of one of the two may stay until the process that made them has ended and its program starts again - on Linux even
+ * the files of the old one are removed then under those who hold it: use another identifier for another image. (That,
+ * or files that are missing, is logged as a warning; that there was none before, as errors of the reading functions.)
  *   sampleformat        as for KvTileImage_AllocEx
  *   scanlineOperation   shapes the tiles, as for KvTileImage_AllocEx; those who attach get _ROWCOL
  * Returns the image, or null if the identifier is null, empty or refused, if one of the four sizes is 0 or their
@@ -175,7 +179,8 @@ KVTILEIMAGE_API TileImageHandle* KvTileImage_InterprocessA_Alloc(const char* int
                                                                  uint32_t sampleformat) KVTILEIMAGE_NOEXCEPT;
 
 /* Attaches to the shared image of that identifier. Null if there is none, if its files are not what its descriptor
- * says, or if the identifier is null, empty or refused. */
+ * says (unless someone holds it, what is left of it is removed then), or if the identifier is null, empty or refused.
+ */
 KVTILEIMAGE_API TileImageHandle* KvTileImage_InterprocessB_Alloc(const char* interprocessTileImageId)
     KVTILEIMAGE_NOEXCEPT;
 
