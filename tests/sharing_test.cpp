@@ -701,6 +701,10 @@ INSTANTIATE_TEST_SUITE_P(
                   "\"width\":4294967295,\"height\":4294967295,\"samplesPerPixel\":1,\"bitsPerSample\":8,"
                   "\"tileBaseWidth\":8,\"tileBaseHeight\":1,\"tileRowCount\":4294967295,\"tileColCount\":536870912",
                   "\"blocksPerFile\":18446744073709551615,\"fileBriefInfoList\":[[0,18446744073709551615,0]]", kNoGrid},
+        Described{"MoreTilesThanAnyImage",
+                  "\"width\":8,\"height\":8388608,\"samplesPerPixel\":1,\"bitsPerSample\":8,\"tileBaseWidth\":8,"
+                  "\"tileBaseHeight\":1,\"tileRowCount\":8388608,\"tileColCount\":1",
+                  kOneFile, kNoGrid},
         Described{"SizesBeyond64Bits",
                   "\"width\":4294967295,\"height\":4294967295,\"samplesPerPixel\":4294967295,\"bitsPerSample\":"
                   "4294967295,\"tileBaseWidth\":4294967288,\"tileBaseHeight\":4294967295,\"tileRowCount\":1,"
