@@ -179,7 +179,7 @@ KVTILEIMAGE_API TileImageHandle* KvTileImage_InterprocessA_Alloc(const char* int
                                                                  uint32_t sampleformat) KVTILEIMAGE_NOEXCEPT;
 
 /* Attaches to the shared image of that identifier. Null if there is none, if its files are not what its descriptor
- * says (unless someone holds it, what is left of it is removed then), or if the identifier is null, empty or refused.
+ * says (what is left of it may be removed then, if nobody holds it), or if the identifier is null, empty or refused.
  */
 KVTILEIMAGE_API TileImageHandle* KvTileImage_InterprocessB_Alloc(const char* interprocessTileImageId)
     KVTILEIMAGE_NOEXCEPT;
