@@ -970,12 +970,11 @@ TEST_F(LeftoversTest, ThatOtherProcessesUseAreKept) {
     EXPECT_THAT(left(), ElementsAre("stray2.korvaneFileMapping"));
   }
   const auto lines = log.take();
-  EXPECT_EQ(
-      std::count_if(lines.begin(), lines.end(),
-                    [](const auto& line) {
-                      return line.text.ends_with("/stray2.korvaneFileMapping is being used by other process!");
-                    }),
-      1);
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const auto& line) {
+                            return line.text.ends_with("/stray2.korvaneFileMapping is being used by other process!");
+                          }),
+            1);
   const FileMappingDirHelper helper(host());
   EXPECT_THAT(left(), IsEmpty());
 }

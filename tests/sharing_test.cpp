@@ -479,6 +479,49 @@ TEST_F(SharingTest, IsNotRemovedByOneWhoCouldNotBecomeAHolder) {
   }
 }
 
+// What no descriptor tells of is nobody else's.
+TEST_F(SharingTest, LeavesNothingIfTheDescriptorCannotBeWrittenBesideAHolder) {
+  const Image maker = create("a", 8, 50);
+  ASSERT_TRUE(setPixel(maker, 1, 2, 3));
+  fs::rename(descriptor("a"), descriptor("aside"));
+  fs::create_directories(descriptor("a") / "in the way");
+  const LogCapture log;
+  EXPECT_EQ(createLogged("a", 8, 60), nullptr);
+  EXPECT_EQ(backingFiles().size(), 1U);
+  fs::remove_all(descriptor("a"));
+  fs::rename(descriptor("aside"), descriptor("a"));
+  EXPECT_EQ(pixel(attach("a"), 1, 2), 3);
+}
+
+// Who waits for an image asks for it again and again.
+TEST_F(SharingTest, IsMadeAndLetGoWhileSomeoneAsksForIt) {
+  const LogCapture log;
+  std::atomic<bool> done{false};
+  std::atomic<int> found{0};
+  std::thread asking([&] {
+    while (!done) {
+      std::uint32_t width = 0;
+      if (KvTileImage_InterprocessB_GetInfo(id("a").c_str(), &width, nullptr, nullptr, nullptr, nullptr)) {
+        found += width == 8 ? 1 : -1000000;
+      }
+    }
+  });
+  for (int round = 0; round < 100; ++round) {
+    Image image = createLogged("a", 8, 50);
+    ASSERT_NE(image, nullptr) << round;
+    if (round == 50) {  // it is found at least once
+      for (const int before = found; found == before;) {
+        std::this_thread::yield();
+      }
+    }
+    image.reset();
+    ASSERT_FALSE(fs::exists(descriptor("a"))) << round;
+  }
+  done = true;
+  asking.join();
+  EXPECT_GT(found, 0);
+}
+
 // ---- Descriptors and files that are not what they should be
 
 TEST_F(SharingTest, RefusesAFileThatIsMissing) {

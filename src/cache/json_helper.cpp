@@ -24,8 +24,8 @@ constexpr const char* kWrite = "JsonHelper::write";
 constexpr unsigned kIndent = 4;
 
 // A document takes several times as much memory as its text. The largest that the library writes, the descriptor of an
-// image of a few million tiles, is smaller.
-constexpr std::size_t kMostBytes = std::size_t{64} << 20;
+// image of some 800,000 tiles, is smaller.
+constexpr std::size_t kMostBytes = std::size_t{16} << 20;
 
 bool refuseEmpty(const std::wstring& path, const char* function) {
   if (!path.empty()) {

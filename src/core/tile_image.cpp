@@ -105,7 +105,7 @@ std::unique_ptr<TileImage> TileImage::createInterprocessA(const SharedTileImageA
   std::uint32_t height = 0;
   std::uint32_t samplesPerPixel = 0;
   std::uint32_t bitsPerSample = 0;
-  std::uint32_t sampleformat = 0;
+  std::uint32_t sampleformat = 0xFFFFFFFF;
   if (getTileImageBriefInfo_InterprocessB(arguments.interprocessTileImageId, &width, &height, &samplesPerPixel,
                                           &bitsPerSample, &sampleformat)) {
     if (width == arguments.width && height == arguments.height && samplesPerPixel == arguments.samplesPerPixel &&
@@ -145,8 +145,11 @@ bool TileImage::postInitializeInterprocessA(const SharedTileImageArguments& argu
         })) {
       return false;
     }
-    return TileImageInterprocessJsonHelper(arguments.interprocessTileImageId).serialize(*interprocessInfo_) ||
-           fail("[%s] jsonHelper serialize failed", kName);
+    if (!TileImageInterprocessJsonHelper(arguments.interprocessTileImageId).serialize(*interprocessInfo_)) {
+      return fail("[%s] jsonHelper serialize failed", kName);
+    }
+    interprocessInfo_->interprocessFileMappingInfo->described = true;
+    return true;
   } catch (const std::exception& exception) {
     return failWithException(kName, exception);
   }
@@ -169,6 +172,7 @@ bool TileImage::postInitializeInterprocessB(const std::wstring& identifier) {
       return fail("[%s] jsonHelper serialize failed", kName);  // kept: one text for both directions
     }
     const InterprocessTileImageInfo& info = *interprocessInfo_;
+    info.interprocessFileMappingInfo->described = true;
     setFormat(info.width, info.height, info.samplesPerPixel, info.bitsPerSample);
     sampleformat_ = static_cast<std::uint32_t>(info.sampleformat);
     scanlineOperation_ = static_cast<std::uint32_t>(info.scanlineOperation);

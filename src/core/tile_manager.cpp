@@ -114,7 +114,7 @@ bool TileManager::postInitializeInterprocessA(InterprocessTileImageInfo& info, c
   info.tileRowCount = grid_->tileRowCount();
   info.tileColCount = grid_->tileColCount();
   return createTiles(kPostInitializeA, [&] {
-    return FileMappingStorageStrategy::createInterprocessA(grid_->byteSizes(), *info.interprocessFileMappingInfo,
+    return FileMappingStorageStrategy::createInterprocessA(grid_->byteSizes(), info.interprocessFileMappingInfo,
                                                            identifier);
   });
 }
@@ -133,7 +133,7 @@ bool TileManager::postInitializeInterprocessB(const InterprocessTileImageInfo& i
     return false;
   }
   return createTiles(kPostInitializeB, [&] {
-    return FileMappingStorageStrategy::createInterprocessB(grid_->byteSizes(), info.interprocessFileMappingInfo.get(),
+    return FileMappingStorageStrategy::createInterprocessB(grid_->byteSizes(), info.interprocessFileMappingInfo,
                                                            identifier);
   });
 }

@@ -13,8 +13,9 @@ using platform::FileLock;
 
 std::optional<Claim> claimUnlessHeld(const std::wstring& lockFile) {
   try {
-    std::error_code unknown;
-    if (!std::filesystem::exists(platform::filesystemPath(lockFile), unknown) && !unknown) {
+    // What is no file cannot be held.
+    const auto type = std::filesystem::symlink_status(platform::filesystemPath(lockFile)).type();
+    if (type != std::filesystem::file_type::regular) {
       return Claim();
     }
     auto lock = std::make_unique<FileLock>(platform::narrowPath(lockFile), FileLock::IfMissing::fail);
@@ -48,8 +49,8 @@ void Holders::addFilesOf(const std::wstring& identifier, const SharedImageFiles&
   const InterprocessFileMappingInfo& image = *info.interprocessFileMappingInfo;
   for (const auto& file : image.fileBriefInfoList) {
     if (file.dirIndex < image.dirList.size()) {
-      filesInUse_.insert(cache::FileMappingFilePathHelper::filePath(image.dirList[file.dirIndex], image.prefix,
-                                                                    image.suffix, file.fileNumber));
+      keysOfFilesInUse_.insert(platform::fileKey(cache::FileMappingFilePathHelper::filePath(
+          image.dirList[file.dirIndex], image.prefix, image.suffix, file.fileNumber)));
     }
   }
 }

@@ -9,6 +9,7 @@
 
 #include "cache/file_mapping_dir_helper.h"
 #include "interprocess/shared_image_files.h"
+#include "platform/files.h"
 #include "platform/lock_files.h"
 
 namespace interprocess {
@@ -29,12 +30,12 @@ class Holders final : public cache::FileUsers {
 
   explicit Holders(const SharedImageFiles& files);
 
-  bool use(const std::wstring& file) const override { return filesInUse_.contains(file); }
+  bool use(const std::wstring& file) const override { return keysOfFilesInUse_.contains(platform::fileKey(file)); }
 
  private:
   void addFilesOf(const std::wstring& identifier, const SharedImageFiles& files);
 
-  std::set<std::wstring> filesInUse_;
+  std::set<std::wstring> keysOfFilesInUse_;
   std::vector<Claim> withoutHolder_;
 };
 

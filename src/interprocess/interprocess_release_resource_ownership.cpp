@@ -19,8 +19,10 @@ using win_interprocess::interprocess_exception;
 constexpr const char* kPostInitialize = "InterprocessReleaseResourceOwnership::postInitialize";
 constexpr const char* kDestructor = "InterprocessReleaseResourceOwnership::~InterprocessReleaseResourceOwnership";
 
-// Whoever locks the file for itself removes it and is done; only a process that was stopped takes longer.
-constexpr std::chrono::seconds kPatience{30};
+// Whoever locks the file for itself removes it and is done; only a process that was stopped takes longer. Others wait
+// meanwhile for their turn, three times as long.
+constexpr std::chrono::seconds kPatience{10};
+constexpr int kAttempts = 100;
 constexpr std::chrono::milliseconds kPause{1};
 constexpr int kTimesAsked = 6;
 
@@ -64,12 +66,12 @@ bool InterprocessReleaseResourceOwnership::postInitialize() {
 
 bool InterprocessReleaseResourceOwnership::hold() {
   const std::wstring path = platform::fromNarrowPath(lockFilePath_);
-  if (platform::createFolders(path.substr(0, path.find_last_of(L"/\\") + 1))) {
+  if (platform::createFolders(platform::widePath(platform::filesystemPath(path).parent_path()))) {
     base::logger().log(ember_logger::error, "[%s] dir create failed", kPostInitialize);
     return false;
   }
   // A file that was removed between its opening and its locking locks nobody out: the next one is the file.
-  do {
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
     lockFileStream_ = platform::openToKeep(lockFilePath_);
     if (lockFileStream_ == nullptr) {
       base::logger().log(ember_logger::error, "[%s] file:%s open failed", kPostInitialize, lockFilePath_.c_str());
@@ -77,10 +79,13 @@ bool InterprocessReleaseResourceOwnership::hold() {
     }
     fileLock_ = std::make_unique<FileLock>(lockFilePath_, FileLock::IfMissing::make);
     if (!fileLock_->waitShared(kPatience)) {
-      throw interprocess_exception("a process has kept " + lockFilePath_ + " locked for 30 seconds");
+      throw interprocess_exception("a process has kept " + lockFilePath_ + " locked for 10 seconds");
     }
-  } while (!fileLock_->isNamed(lockFilePath_));
-  return true;
+    if (fileLock_->isNamed(lockFilePath_)) {
+      return true;
+    }
+  }
+  throw interprocess_exception(lockFilePath_ + " is removed again and again");
 }
 
 InterprocessReleaseResourceOwnership::~InterprocessReleaseResourceOwnership() {
@@ -119,7 +124,7 @@ bool InterprocessReleaseResourceOwnership::isLastHolder() {
       }
     }
     if (std::chrono::steady_clock::now() > end) {
-      throw interprocess_exception("a process has kept " + lockFilePath_ + " locked for 30 seconds");
+      throw interprocess_exception("a process has kept " + lockFilePath_ + " locked for 10 seconds");
     }
   }
   return true;

@@ -16,7 +16,7 @@ namespace interprocess {
 class InterprocessReleaseResourceOwnership {
  public:
   // Makes the lock file, and its folder, if they are missing. `hasOwnership` becomes true or false when the object is
-  // destroyed. Null, with a logged reason, if the file cannot be had or someone keeps it locked for half a minute.
+  // destroyed. Null, with a logged reason, if the file cannot be had or someone keeps it locked for ten seconds.
   static std::shared_ptr<InterprocessReleaseResourceOwnership> create(const std::string& lockFilePath,
                                                                       std::shared_ptr<bool> hasOwnership);
 

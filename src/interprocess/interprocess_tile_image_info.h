@@ -28,6 +28,9 @@ class InterprocessFileMappingInfo {
   std::uint64_t blocksPerFile = 0;               // consecutive tiles in one file
   std::vector<FileBriefInfo> fileBriefInfoList;  // in the order of the tiles that the files hold
 
+  // Whether a descriptor tells of the files, so that other processes may have them in use. Not a part of it.
+  bool described = false;
+
   // Appends a file. One whose folder is not in dirList is logged and left out.
   void addFile(std::uint64_t dirIndex, std::uint64_t fileBytes, std::uint64_t fileNumber);
 

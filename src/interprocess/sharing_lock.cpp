@@ -38,17 +38,7 @@ void SharingLock::take() {
   lock_ = std::make_unique<FileLock>(platform::narrowPath(path), FileLock::IfMissing::make);
   if (!lock_->waitExclusive(kPatience)) {
     throw std::runtime_error("another process has kept " + platform::shownUtf8(path) +
-                             " locked for 30 seconds; it may have been stopped in the middle of its work");
-  }
-}
-
-// A process that was forked meanwhile has the file open, too: closing it would leave it locked.
-SharingLock::~SharingLock() {
-  if (held()) {
-    try {
-      lock_->unlock();
-    } catch (const std::exception&) {  // closing the file will do
-    }
+                             " locked for 30 seconds: it makes or removes a very large image, or has been stopped");
   }
 }
 

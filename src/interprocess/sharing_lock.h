@@ -14,7 +14,7 @@ class SharingLock {
  public:
   // Waits for it, half a minute at most.
   SharingLock();
-  ~SharingLock();
+  ~SharingLock() = default;
   SharingLock(const SharingLock&) = delete;
   SharingLock& operator=(const SharingLock&) = delete;
 

@@ -53,6 +53,9 @@ bool removeUnlessInUse(
 // Bytes of a regular file; nothing if there is none of that name, what a link leads to aside.
 std::optional<std::uint64_t> fileBytes(const std::string& narrowPath);
 
+// Equal for paths that lead to one file, whatever way they take; the path itself if there is none.
+std::wstring fileKey(const std::wstring& path);
+
 // Makes the folder and those above it that are missing. No error if it is there already.
 std::error_code createFolders(const std::wstring& folder);
 

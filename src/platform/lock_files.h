@@ -19,7 +19,7 @@ class FileLock {
   // times, a quarter of a second apart. Throws interprocess_exception if it cannot be opened.
   FileLock(const std::string& narrowPath, IfMissing ifMissing);
 
-  // Closes the file. That gives up the lock, except one that a forked process shares.
+  // Gives up the lock and closes the file; in a forked process it only closes it.
   ~FileLock();
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;

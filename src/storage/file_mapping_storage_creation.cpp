@@ -85,11 +85,11 @@ std::shared_ptr<FileMappingStorageStrategy> FileMappingStorageStrategy::createNo
 }
 
 std::shared_ptr<BlockCenter> FileMappingStorageStrategy::createInterprocessA(const TileByteSizes& tileByteSizes,
-                                                                             FileMappingInfo& info,
+                                                                             const SharedFiles& info,
                                                                              const std::wstring& identifier) {
   cleanUpOnce();
   auto strategy = std::make_shared<FileMappingStorageStrategy>();
-  if (!strategy->postInitializeInterprocessA(tileByteSizes, &info, identifier)) {
+  if (!strategy->postInitializeInterprocessA(tileByteSizes, info, identifier)) {
     fail("[%s] create failed", "FileMappingStorageStrategy::createInterprocessA");
     return nullptr;
   }
@@ -97,7 +97,7 @@ std::shared_ptr<BlockCenter> FileMappingStorageStrategy::createInterprocessA(con
 }
 
 std::shared_ptr<BlockCenter> FileMappingStorageStrategy::createInterprocessB(const TileByteSizes& tileByteSizes,
-                                                                             const FileMappingInfo* info,
+                                                                             const SharedFiles& info,
                                                                              const std::wstring& identifier) {
   cleanUpOnce();
   auto strategy = std::make_shared<FileMappingStorageStrategy>();
@@ -137,11 +137,12 @@ void FileMappingStorageStrategy::holdSharedImage(const std::wstring& identifier)
   }
 }
 
-bool FileMappingStorageStrategy::postInitializeInterprocessA(const TileByteSizes& tileByteSizes, FileMappingInfo* info,
-                                                             const std::wstring& identifier) {
+bool FileMappingStorageStrategy::postInitializeInterprocessA(const TileByteSizes& tileByteSizes,
+                                                             const SharedFiles& info, const std::wstring& identifier) {
   try {
+    sharedFiles_ = info;
     return postInitializeCommon(tileByteSizes, identifier) &&
-           createFilesAndBlocks(tileByteSizes, *cacheFolders(), info);
+           createFilesAndBlocks(tileByteSizes, *cacheFolders(), info.get());
   } catch (const std::exception& exception) {
     return failWithException(exception, kPostInitialize);
   }
@@ -221,9 +222,9 @@ bool FileMappingStorageStrategy::createFile(const FileMappingDirHelper& folders,
 }
 
 bool FileMappingStorageStrategy::postInitializeInterprocessB(const TileByteSizes& tileByteSizes,
-                                                             const FileMappingInfo* info,
-                                                             const std::wstring& identifier) {
+                                                             const SharedFiles& info, const std::wstring& identifier) {
   try {
+    sharedFiles_ = info;
     if (!postInitializeCommon(tileByteSizes, identifier)) {
       return false;
     }

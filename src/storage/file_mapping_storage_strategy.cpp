@@ -9,6 +9,7 @@
 #include "base/log.h"
 #include "interprocess/holders.h"
 #include "interprocess/interprocess_release_resource_ownership.h"
+#include "interprocess/interprocess_tile_image_info.h"
 #include "platform/files.h"
 #include "platform/paths.h"
 #include "platform/processes.h"
@@ -56,21 +57,20 @@ FileMappingStorageStrategy::~FileMappingStorageStrategy() {
   }
 }
 
-// Files of a shared image are the last holder's. A strategy that could not become a holder takes the files along unless
-// someone else is one; the descriptor is left then.
+// Files of a shared image are the last holder's, unless no descriptor has told anyone of them yet. A strategy that
+// could not become a holder takes the files along unless someone else is one; the descriptor is left then.
 bool FileMappingStorageStrategy::mayRemoveFiles() {
-  if (interprocessIdJsonFilePath_.empty()) {
+  if (sharedFiles_ == nullptr) {
     return true;
   }
   if (ownership_ == nullptr) {
-    return interprocess::claimUnlessHeld(lockFilePath_).has_value();
+    return !sharedFiles_->described || interprocess::claimUnlessHeld(lockFilePath_).has_value();
   }
   ownership_.reset();
-  if (!*hasOwnership_) {
-    return false;
+  if (*hasOwnership_) {
+    removeDescriptor();
   }
-  removeDescriptor();
-  return true;
+  return *hasOwnership_ || !sharedFiles_->described;
 }
 
 void FileMappingStorageStrategy::removeDescriptor() noexcept {

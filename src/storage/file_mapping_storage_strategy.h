@@ -49,15 +49,16 @@ class FileMappingStorageStrategy final : public BlockCenter::IStorageStrategy {
   // cannot be made.
   static std::shared_ptr<FileMappingStorageStrategy> createNormal(const TileByteSizes& tileByteSizes);
 
+  // What processes tell each other about the files of an image; not null.
+  using SharedFiles = std::shared_ptr<interprocess::InterprocessFileMappingInfo>;
+
   // The same for an image that other processes can attach to as `identifier`; `info` then tells of the files.
-  static std::shared_ptr<BlockCenter> createInterprocessA(const TileByteSizes& tileByteSizes,
-                                                          interprocess::InterprocessFileMappingInfo& info,
+  static std::shared_ptr<BlockCenter> createInterprocessA(const TileByteSizes& tileByteSizes, const SharedFiles& info,
                                                           const std::wstring& identifier);
 
   // Takes the files that `info` tells of for tiles of the given sizes. Null, with a logged reason, if they are not what
   // it says.
-  static std::shared_ptr<BlockCenter> createInterprocessB(const TileByteSizes& tileByteSizes,
-                                                          const interprocess::InterprocessFileMappingInfo* info,
+  static std::shared_ptr<BlockCenter> createInterprocessB(const TileByteSizes& tileByteSizes, const SharedFiles& info,
                                                           const std::wstring& identifier);
 
   FileMappingStorageStrategy();
@@ -85,12 +86,12 @@ class FileMappingStorageStrategy final : public BlockCenter::IStorageStrategy {
 
   bool postInitializeCommon(const TileByteSizes& tileByteSizes, const std::wstring& identifier);
   void holdSharedImage(const std::wstring& identifier);
-  bool postInitializeInterprocessA(const TileByteSizes& tileByteSizes, FileMappingInfo* info,
+  bool postInitializeInterprocessA(const TileByteSizes& tileByteSizes, const SharedFiles& info,
                                    const std::wstring& identifier);
   bool createFilesAndBlocks(const TileByteSizes& tileByteSizes, const cache::FileMappingDirHelper& folders,
                             FileMappingInfo* info);
   bool createFile(const cache::FileMappingDirHelper& folders, std::uint64_t bytes, FileMappingInfo* info);
-  bool postInitializeInterprocessB(const TileByteSizes& tileByteSizes, const FileMappingInfo* info,
+  bool postInitializeInterprocessB(const TileByteSizes& tileByteSizes, const SharedFiles& info,
                                    const std::wstring& identifier);
   bool attachFilesAndBlocks(const TileByteSizes& tileByteSizes, const FileMappingInfo& info);
   bool attachFile(const FileMappingInfo& info, std::uint64_t fileIndex, std::uint64_t bytes);
@@ -111,6 +112,7 @@ class FileMappingStorageStrategy final : public BlockCenter::IStorageStrategy {
   std::vector<BackingFile> files_;
   std::shared_ptr<Flusher> flusher_;
   std::shared_ptr<IFileMappingThreadData> threadData_;
+  SharedFiles sharedFiles_;                  // of a shared image
   std::wstring interprocessIdJsonFilePath_;  // of a shared image: its descriptor
   std::wstring lockFilePath_;                // and the lock file of its holders
   std::shared_ptr<bool> hasOwnership_;       // whether this was its last holder, once ownership_ is gone

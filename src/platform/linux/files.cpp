@@ -220,6 +220,14 @@ std::optional<std::uint64_t> fileBytes(const std::string& narrowPath) {
   return static_cast<std::uint64_t>(status.st_size);
 }
 
+std::wstring fileKey(const std::wstring& path) {
+  struct stat status {};
+  if (stat(narrowPath(path).c_str(), &status) != 0) {
+    return path;
+  }
+  return std::to_wstring(status.st_dev) + L':' + std::to_wstring(status.st_ino);
+}
+
 std::error_code createFolders(const std::wstring& folder) {
   std::filesystem::path path;
   for (const auto& component : std::filesystem::path(narrowPath(folder))) {

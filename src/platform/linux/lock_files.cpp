@@ -18,10 +18,9 @@ constexpr mode_t kFileRights = 0600;
 // Opening a pipe would wait for its other end.
 constexpr int kFlags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 
-[[noreturn]] void fail(const char* what, int error) {
+[[noreturn]] void fail(const std::string& path, const char* what, int error) {
   throw win_interprocess::interprocess_exception(
-      std::string(what) + ": " + std::error_code(error, std::generic_category()).message(),
-      static_cast<std::uint32_t>(error));
+      path + what + std::error_code(error, std::generic_category()).message(), static_cast<std::uint32_t>(error));
 }
 
 bool isRegular(const Descriptor& descriptor) {
@@ -32,7 +31,9 @@ bool isRegular(const Descriptor& descriptor) {
 }  // namespace
 
 struct FileLock::File {
+  std::string path;
   Descriptor descriptor;
+  pid_t maker = getpid();
 
   bool tryLock(int operation) const {
     int result = 0;
@@ -40,7 +41,7 @@ struct FileLock::File {
       result = flock(descriptor.get(), operation | LOCK_NB);
     } while (result != 0 && errno == EINTR);
     if (result != 0 && errno != EWOULDBLOCK) {
-      fail("the lock file cannot be locked", errno);
+      fail(path, " cannot be locked: ", errno);
     }
     return result == 0;
   }
@@ -48,16 +49,22 @@ struct FileLock::File {
 
 FileLock::FileLock(const std::string& narrowPath, IfMissing ifMissing) : file_(std::make_unique<File>()) {
   const int creation = ifMissing == IfMissing::make ? O_CREAT : 0;
+  file_->path = narrowPath;
   file_->descriptor = Descriptor(open(narrowPath.c_str(), kFlags | creation, kFileRights));
   if (!file_->descriptor.valid()) {
-    fail("the lock file cannot be opened", errno);
+    fail(narrowPath, " cannot be opened: ", errno);
   }
   if (!isRegular(file_->descriptor)) {
-    fail("the lock file is no file", EINVAL);
+    fail(narrowPath, " is no file: ", EINVAL);
   }
 }
 
-FileLock::~FileLock() = default;
+// A process that was forked meanwhile has the file open, too: closing it would leave it locked.
+FileLock::~FileLock() {
+  if (file_->maker == getpid()) {
+    flock(file_->descriptor.get(), LOCK_UN);
+  }
+}
 
 bool FileLock::tryShared() { return file_->tryLock(LOCK_SH); }
 

@@ -1,9 +1,11 @@
 #include "platform/files.h"
 
+#include <fcntl.h>
 #include <io.h>
 #include <share.h>
 #include <windows.h>
 
+#include <cerrno>
 #include <filesystem>
 
 namespace platform {
@@ -31,10 +33,34 @@ struct CloseFile {
 
 }  // namespace
 
-Stream openTextForReading(const std::wstring& path) { return openForThisProcess(path, L"r", _SH_DENYNO); }
+// Who reads a file must keep nobody from removing it.
+Stream openTextForReading(const std::wstring& path) {
+  constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  const HANDLE handle = CreateFileW(path.c_str(), GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING, 0, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    return nullptr;
+  }
+  const int descriptor = _open_osfhandle(reinterpret_cast<intptr_t>(handle), _O_RDONLY | _O_TEXT);
+  if (descriptor < 0) {
+    CloseHandle(handle);
+    return nullptr;
+  }
+  std::FILE* const stream = _fdopen(descriptor, "r");
+  if (stream == nullptr) {
+    _close(descriptor);
+  }
+  return Stream(stream);
+}
 
+// Readers are done in a moment; they, or one who removes the file, may have it open just now.
 bool writeText(const std::wstring& path, std::string_view text) {
-  const Stream stream = openForThisProcess(path, L"w", _SH_DENYRD);
+  constexpr int kAttempts = 100;
+  constexpr DWORD kPauseMilliseconds = 5;
+  Stream stream = openForThisProcess(path, L"w", _SH_DENYRD);
+  for (int attempt = 1; stream == nullptr && errno == EACCES && attempt < kAttempts; ++attempt) {
+    Sleep(kPauseMilliseconds);
+    stream = openForThisProcess(path, L"w", _SH_DENYRD);
+  }
   return stream != nullptr && std::fwrite(text.data(), 1, text.size(), stream.get()) == text.size();
 }
 
@@ -90,6 +116,21 @@ std::optional<std::uint64_t> fileBytes(const std::string& narrowPath) {
     return std::nullopt;
   }
   return std::uint64_t{data.nFileSizeHigh} << 32 | data.nFileSizeLow;
+}
+
+std::wstring fileKey(const std::wstring& path) {
+  constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  const HANDLE handle = CreateFileW(path.c_str(), 0, kShareAll, nullptr, OPEN_EXISTING, 0, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    return path;
+  }
+  const std::unique_ptr<void, CloseFile> file(handle);
+  BY_HANDLE_FILE_INFORMATION information{};
+  if (GetFileInformationByHandle(handle, &information) == 0) {
+    return path;
+  }
+  const std::uint64_t index = std::uint64_t{information.nFileIndexHigh} << 32 | information.nFileIndexLow;
+  return std::to_wstring(information.dwVolumeSerialNumber) + L':' + std::to_wstring(index);
 }
 
 std::error_code createFolders(const std::wstring& folder) {

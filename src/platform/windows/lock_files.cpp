@@ -23,7 +23,7 @@ HANDLE openShared(const std::string& path, DWORD disposition) {
     }
     const DWORD error = GetLastError();
     if (error != ERROR_SHARING_VIOLATION || attempt == kAttempts) {
-      throw interprocess_exception("the lock file cannot be opened", error);
+      throw interprocess_exception(path + " cannot be opened: error " + std::to_string(error), error);
     }
     Sleep(kPauseMilliseconds);
   }
@@ -32,6 +32,7 @@ HANDLE openShared(const std::string& path, DWORD disposition) {
 }  // namespace
 
 struct FileLock::File {
+  std::string path;
   HANDLE handle = INVALID_HANDLE_VALUE;
 
   File() = default;
@@ -50,13 +51,14 @@ struct FileLock::File {
     }
     const DWORD error = GetLastError();
     if (error != ERROR_LOCK_VIOLATION && error != ERROR_IO_PENDING) {
-      throw interprocess_exception("the lock file cannot be locked", error);
+      throw interprocess_exception(path + " cannot be locked: error " + std::to_string(error), error);
     }
     return false;
   }
 };
 
 FileLock::FileLock(const std::string& narrowPath, IfMissing ifMissing) : file_(std::make_unique<File>()) {
+  file_->path = narrowPath;
   file_->handle = openShared(narrowPath, ifMissing == IfMissing::make ? OPEN_ALWAYS : OPEN_EXISTING);
 }
 
@@ -69,7 +71,8 @@ bool FileLock::tryExclusive() { return file_->tryLock(LOCKFILE_EXCLUSIVE_LOCK); 
 void FileLock::unlock() {
   OVERLAPPED fromStart{};
   if (UnlockFileEx(file_->handle, 0, kWholeFile, kWholeFile, &fromStart) == 0) {
-    throw interprocess_exception("the lock file cannot be unlocked", GetLastError());
+    const DWORD error = GetLastError();
+    throw interprocess_exception(file_->path + " cannot be unlocked: error " + std::to_string(error), error);
   }
 }
 
